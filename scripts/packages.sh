@@ -1,0 +1,26 @@
+# Sourced by the other scripts: ensure_packages PACKAGE... installs the Debian
+# packages that are missing (as root), or says which are missing (otherwise).
+
+ensure_packages() {
+    missing=""
+    for package in "$@"; do
+        if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+            missing="$missing $package"
+        fi
+    done
+    [ -z "$missing" ] && return 0
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "missing Debian packages:$missing (run as root to install them)" >&2
+        return 1
+    fi
+    echo "installing:$missing"
+    # One index of the mirror can be mid-sync; the install below decides whether
+    # what it needs was there.
+    apt-get update -qq || echo "apt-get update reported an error; trying the install anyway" >&2
+    # shellcheck disable=SC2086
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing
+}
+
+# What building and testing the project needs.
+BUILD_PACKAGES="cmake make g++ qtbase5-dev"
+TEST_PACKAGES="iproute2 util-linux mount tcpdump"

@@ -1,0 +1,105 @@
+#include "internalid.h"
+#include "logginginterface.h"
+#include "profiler.h"
+#include "spinlock.h"
+#include "stdoutcapture.h"
+#include "utils.h"
+
+#include <QtTest>
+
+class tst_Utils : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void escapeXmlKeepsTheDoubleEscaping_data();
+    void escapeXmlKeepsTheDoubleEscaping();
+    void profilerTableIsSortedByTheChosenColumn();
+    void spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked();
+    void defaultInternalIdIsInvalid();
+};
+
+void tst_Utils::escapeXmlKeepsTheDoubleEscaping_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("escaped");
+    QTest::newRow("plain") << "Living room" << "Living room";
+    QTest::newRow("ampersand") << "A&B" << "A&amp;B";
+    QTest::newRow("angle brackets escaped twice") << "<x>" << "&amp;lt;x&amp;gt;";
+    QTest::newRow("quotes") << "it's \"on\"" << "it&apos;s &quot;on&quot;";
+    QTest::newRow("escaped text escaped again") << "&amp;" << "&amp;amp;";
+}
+
+void tst_Utils::escapeXmlKeepsTheDoubleEscaping()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, escaped);
+    QCOMPARE(Utils::escapeXml(text), escaped);
+}
+
+void tst_Utils::profilerTableIsSortedByTheChosenColumn()
+{
+    Profiler profiler;
+    profiler.addCall("rescan", 3000000);
+    profiler.addCall("rescan", 1000000);
+    profiler.addCall("invoke", 5000000);
+    profiler.addCall("announce", 500000);
+    profiler.addCall("announce", 500000);
+    profiler.addCall("announce", 500000);
+
+    auto order = [&profiler](int column) {
+        QStringList names;
+        const QStringList lines = profiler.statistics(column).split('\n', Qt::SkipEmptyParts);
+        for (const QString& line : lines.mid(1, 3))
+            names << line.section(' ', 0, 0);
+        return names;
+    };
+    QCOMPARE(order(Profiler::NameColumn), QStringList({"announce", "invoke", "rescan"}));
+    QCOMPARE(order(Profiler::CallsColumn), QStringList({"announce", "rescan", "invoke"}));
+    QCOMPARE(order(Profiler::TotalColumn), QStringList({"invoke", "rescan", "announce"}));
+    QCOMPARE(order(Profiler::LastColumn), QStringList({"invoke", "rescan", "announce"}));
+    QCOMPARE(order(Profiler::MeanColumn), QStringList({"invoke", "rescan", "announce"}));
+    QCOMPARE(order(42), order(Profiler::NameColumn));
+
+    const QStringList lines = profiler.statistics(Profiler::NameColumn).split('\n');
+    QVERIFY(lines.at(0).startsWith("name"));
+    // rescan: 2 calls, 4 ms in all, 3 ms the longest, 2 ms on average, 1 ms the last.
+    QCOMPARE(lines.at(3).simplified(), QString("rescan 2 4.000 3.000 2.000 1.000"));
+    QVERIFY(Profiler::peakResidentKiB() > 0);
+    QVERIFY2(QRegularExpression("^peak memory: [1-9][0-9]* KiB resident").match(lines.at(4)).hasMatch(),
+             qPrintable(lines.at(4)));
+}
+
+void tst_Utils::spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked()
+{
+    initLogging(false, false, false, true);
+    SpinLock lock("call lock");
+    StdoutCapture capture;
+    {
+        SpinLocker outer(lock, "call: getConfigValue(QString)");
+        QCOMPARE(lock.holder(), QByteArray("call: getConfigValue(QString)"));
+        SpinLocker inner(lock, "call: setConfigValue(QString,QString,bool)");
+        QVERIFY(lock.isLocked());
+    }
+    QVERIFY(!lock.isLocked());
+    lock.unlock();
+    const QByteArray out = capture.take();
+    QVERIFY2(out.contains("spin lock call lock taken again by call: setConfigValue(QString,QString,bool) "
+                          "while held by call: getConfigValue(QString)"),
+             out);
+    QVERIFY2(out.contains("spin lock call lock released while not held"), out);
+}
+
+void tst_Utils::defaultInternalIdIsInvalid()
+{
+    InternalId id;
+    QCOMPARE(id.kind, quint8(255));
+    QVERIFY(!id.isValid());
+    id.kind = InternalId::Device;
+    id.serialNumber = 4711;
+    QVERIFY(id.isValid());
+    QCOMPARE(id.toString(), QString("1:0-4711:0.0"));
+}
+
+QTEST_GUILESS_MAIN(tst_Utils)
+#include "tst_utils.moc"
