@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# Cross-builds the daemon and its tests for the controller's ARM processors,
+# 64-bit (arm64, build-arm64/) and 32-bit ARMv7 (armhf, build-armhf/), and runs
+# the suite under qemu-user. Tests labelled "system" (namespaces, raw sockets,
+# processes of their own) are left out of the emulated runs.
+# As root it installs what it needs: the cross compilers, qemu-user, and the
+# target's Qt packages, which it unpacks into build-<arch>/target-root.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+TARGETS="arm64:aarch64-linux-gnu armhf:arm-linux-gnueabihf"
+# What the daemon and the tests link, with headers, CMake files and mkspecs.
+QT_PACKAGES="libqt5core5a libqt5network5 libqt5test5 qtbase5-dev qt5-qmake"
+QT_LIBRARIES="libqt5core5a libqt5network5 libqt5test5"
+
+# Makes apt know the packages of another architecture.
+add_architecture() {
+    local arch=$1
+    if ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
+        [ "$(id -u)" -eq 0 ] || { echo "run as root to add the $arch architecture" >&2; return 1; }
+        dpkg --add-architecture "$arch"
+    fi
+    if apt-cache policy "libqt5core5a:$arch" | grep -q 'Candidate: (none)'; then
+        # One index of the mirror may be mid-sync; the downloads below decide.
+        apt-get update -qq || echo "apt-get update reported an error; going on" >&2
+    fi
+}
+
+# Unpacks the target's Qt and everything it loads into root. The packages are
+# unpacked, not installed: installing them beside the host's would tie every
+# shared library of the host to the target's exact version.
+make_target_root() {
+    local arch=$1 triple=$2 root=$3
+    [ -f "$root/.complete" ] && return 0
+    rm -rf "$root"
+    mkdir -p "$root/debs"
+    local packages=() package
+    for package in $QT_PACKAGES; do packages+=("$package:$arch"); done
+    local libraries=()
+    for package in $QT_LIBRARIES; do libraries+=("$package:$arch"); done
+    # The run-time closure of the libraries within the target's architecture.
+    local closure
+    closure=$(apt-cache depends --recurse --no-recommends --no-suggests --no-conflicts \
+                  --no-breaks --no-replaces --no-enhances "${libraries[@]}" \
+              | grep -E "^[a-z0-9].*:$arch\$" | sort -u)
+    # shellcheck disable=SC2086
+    (cd "$root/debs" && apt-get download -q -o APT::Sandbox::User=root "${packages[@]}" $closure)
+    local deb
+    for deb in "$root"/debs/*.deb; do dpkg-deb -x "$deb" "$root"; done
+    rm -rf "$root/debs"
+    # Qt's CMake files check that the build tools lie beside the target's
+    # libraries; the tools that run are the host's.
+    local dir tool
+    for dir in "$root/usr/lib/qt5/bin" "$root/usr/lib/$triple/qt5/bin"; do
+        mkdir -p "$dir"
+        for tool in moc rcc uic qmake; do ln -sfn "/usr/lib/qt5/bin/$tool" "$dir/$tool"; done
+    done
+    touch "$root/.complete"
+}
+
+host_packages="$BUILD_PACKAGES qemu-user file"
+for target in $TARGETS; do host_packages="$host_packages crossbuild-essential-${target%%:*}"; done
+# shellcheck disable=SC2086
+ensure_packages $host_packages
+
+summary=""
+for target in $TARGETS; do
+    arch=${target%%:*}
+    triple=${target#*:}
+    build=build-$arch
+    echo "=== $arch ($triple)"
+    add_architecture "$arch"
+    make_target_root "$arch" "$triple" "$PWD/$build/target-root"
+    cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug \
+        -DCMAKE_TOOLCHAIN_FILE="cmake/toolchains/$triple.cmake" \
+        -DUPNP_TARGET_ROOT="$PWD/$build/target-root"
+    cmake --build "$build" --parallel 2
+    file "$build/upnp/upnp"
+    ctest --test-dir "$build" --label-exclude system --output-on-failure --timeout 600 \
+        | tee "$build/ctest.log"
+    summary="$summary$arch: $(grep -E 'tests passed' "$build/ctest.log")"$'\n'
+done
+printf '=== emulated suites\n%s' "$summary"
