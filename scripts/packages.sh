@@ -23,4 +23,6 @@ ensure_packages() {
 
 # What building and testing the project needs.
 BUILD_PACKAGES="cmake make g++ qtbase5-dev"
-TEST_PACKAGES="iproute2 util-linux mount tcpdump"
+# The real peers of the tests: tcpdump as IGMP decoder, GSSDP (python3-gi) as
+# SSDP control point.
+TEST_PACKAGES="iproute2 util-linux mount tcpdump python3-gi gir1.2-gssdp-1.6"

@@ -75,15 +75,20 @@ void tst_Utils::spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked()
     initLogging(false, false, false, true);
     SpinLock lock("call lock");
     StdoutCapture capture;
+    QByteArray holder;
+    bool lockedWhileNested = false;
     {
         SpinLocker outer(lock, "call: getConfigValue(QString)");
-        QCOMPARE(lock.holder(), QByteArray("call: getConfigValue(QString)"));
+        holder = lock.holder();
         SpinLocker inner(lock, "call: setConfigValue(QString,QString,bool)");
-        QVERIFY(lock.isLocked());
+        lockedWhileNested = lock.isLocked();
     }
-    QVERIFY(!lock.isLocked());
+    const bool releasedAfterBoth = !lock.isLocked();
     lock.unlock();
     const QByteArray out = capture.take();
+    QCOMPARE(holder, QByteArray("call: getConfigValue(QString)"));
+    QVERIFY(lockedWhileNested);
+    QVERIFY(releasedAfterBoth);
     QVERIFY2(out.contains("spin lock call lock taken again by call: setConfigValue(QString,QString,bool) "
                           "while held by call: getConfigValue(QString)"),
              out);

@@ -43,7 +43,10 @@ bool NetworkNamespaces::add(const QString& name)
     if (!ip({"netns", "add", fullName(name)}))
         return false;
     created.append(name);
-    return ip({"-n", fullName(name), "link", "set", "lo", "up"});
+    // IPv6 addresses, link-local ones included, are usable at once: no
+    // duplicate address detection in a namespace of one test.
+    return ip({"-n", fullName(name), "link", "set", "lo", "up"})
+           && run(name, {"sysctl", "-qw", "net.ipv6.conf.all.accept_dad=0", "net.ipv6.conf.default.accept_dad=0"});
 }
 
 bool NetworkNamespaces::addVethPair(const QString& namespace1, const QString& interface1,

@@ -16,7 +16,7 @@ public:
     NetworkNamespaces(const NetworkNamespaces&) = delete;
     NetworkNamespaces& operator=(const NetworkNamespaces&) = delete;
 
-    // Creates namespace name (with loopback up).
+    // Creates namespace name: loopback up, no duplicate address detection.
     bool add(const QString& name);
     // A veth pair from interface1 in namespace1 to interface2 in namespace2, both up.
     bool addVethPair(const QString& namespace1, const QString& interface1,

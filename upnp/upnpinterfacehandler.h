@@ -1,0 +1,104 @@
+#ifndef UPNPINTERFACEHANDLER_H
+#define UPNPINTERFACEHANDLER_H
+
+#include "ssdpmessage.h"
+
+#include <QElapsedTimer>
+#include <QHostAddress>
+#include <QNetworkAddressEntry>
+#include <QNetworkDatagram>
+#include <QNetworkInterface>
+#include <QObject>
+#include <QTimer>
+#include <QUdpSocket>
+
+#include <memory>
+
+class IGMPQuerier;
+class UpnpCoordinator;
+
+// The durations of SSDP advertising, in milliseconds; the defaults are the
+// daemon's. Tests shrink them.
+struct UpnpTimings
+{
+    int rescanInterval = 10000;
+    int firstAnnouncement = 100;
+    // An alive burst is repeated after aliveRepeatMinimum + random mod
+    // aliveRepeatSteps steps of aliveRepeatStep: 870 to 1769 s, always below
+    // the advertised max-age of 1800 s.
+    int aliveRepeatMinimum = 870000;
+    int aliveRepeatSteps = 900;
+    int aliveRepeatStep = 1000;
+    // The second copy of an alive or update burst: 50 to 149 ms later.
+    int secondBurstMinimum = 50;
+    int secondBurstSpread = 100;
+    int joinRetryInterval = 30000;
+    qint64 joinErrorLogInterval = 300000;
+};
+
+// The SSDP endpoint of one address of one interface: a socket bound to the
+// SSDP group of the address's family, announcements on a random schedule,
+// answers to searches, and the IGMP querier of the interface when enabled.
+// Created, driven and deleted by the UpnpCoordinator, whose shared values
+// (UDN, SERVER text, device types, boot id, config id) it announces.
+class UpnpInterfaceHandler : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Answers scheduled at once at most: a flood of searches, or searches
+    // with MX 0 whose answers may wait for weeks, cannot grow without bound.
+    static constexpr int MaxPendingAnswers = 1024;
+
+    UpnpInterfaceHandler(const QNetworkInterface& interface, const QNetworkAddressEntry& addressEntry,
+                         const QHostAddress& groupAddress, const QByteArray& location,
+                         UpnpCoordinator* coordinator);
+    ~UpnpInterfaceHandler() override;
+
+    // Each alive or update burst goes out twice, a short random pause apart;
+    // an alive also schedules the next one. Byebye goes out twice at once.
+    void sendAlive();
+    void sendUpdate();
+    void sendByeBye();
+    // Runs an IGMP querier on this address while on; never on IPv6.
+    void setEnableIGMPQuerier(bool on);
+
+    // Validates a search and schedules one answer per matching target, each
+    // after its own random delay within the searcher's MX.
+    void handleMSearch(const QNetworkDatagram& datagram, const Ssdp::Headers& headers);
+    // ST -> USN of every target that answers st, ordered by ST.
+    QMap<QByteArray, QByteArray> calculateStReplies(const QByteArray& st) const;
+    QByteArray buildSearchReply(const QByteArray& st, const QByteArray& usn) const;
+
+    const QNetworkInterface& networkInterface() const { return interface; }
+    const QNetworkAddressEntry& addressEntry() const { return entry; }
+    const QHostAddress& groupAddress() const { return group; }
+    const QByteArray& location() const { return locationUrl; }
+    IGMPQuerier* igmpQuerier() const { return querier.get(); }
+
+private slots:
+    void tryJoinMulticastGroup();
+    void onDatagramReceived();
+
+private:
+    void sendSingleAdvertisement(const QByteArray& nts, const QByteArray& nt, const QByteArray& usn);
+    void sendAdvertisements(const QByteArray& nts);
+    void sendSecondBurst(const QByteArray& nts);
+    bool joinGroup();
+    bool addressStillAssigned() const;
+    void unpinSourceAddress();
+
+    std::unique_ptr<IGMPQuerier> querier;
+    UpnpCoordinator* coordinator;
+    QNetworkInterface interface;
+    QNetworkAddressEntry entry;
+    QHostAddress group;
+    QByteArray locationUrl;
+    QUdpSocket socket;
+    QTimer announceTimer;
+    QElapsedTimer joinErrorTimer;
+    qint32 suppressedCount = 0;
+    int pendingAnswers = 0;
+};
+
+#endif // UPNPINTERFACEHANDLER_H
