@@ -1,0 +1,239 @@
+#include "socket.h"
+
+#include <QLocalServer>
+
+Socket::Socket(QObject* parent) : QObject(parent)
+{
+}
+
+Socket::~Socket() = default;
+
+void Socket::reportError(qint32 code, const QString& text)
+{
+    lastError = code;
+    lastErrorText = text;
+    emit error(text);
+}
+
+LocalSocket::LocalSocket(QObject* parent) : Socket(parent), socket(new QLocalSocket(this))
+{
+    attach();
+}
+
+LocalSocket::LocalSocket(QLocalSocket* accepted, QObject* parent) : Socket(parent), socket(accepted)
+{
+    if (socket) {
+        // An accepted socket knows no server name of its own; the server that
+        // accepted it is still its parent here.
+        QString name = socket->serverName();
+        if (const auto* server = qobject_cast<QLocalServer*>(socket->parent()); server && name.isEmpty())
+            name = server->serverName();
+        setPeerName(name);
+        // It must live as long as this wrapper, whatever becomes of the server.
+        socket->setParent(this);
+    }
+    attach();
+}
+
+LocalSocket::~LocalSocket() = default;
+
+void LocalSocket::attach()
+{
+    if (!socket)
+        return;
+    connect(socket, &QLocalSocket::errorOccurred, this, &LocalSocket::onError);
+    connect(socket, &QLocalSocket::readyRead, this, &Socket::readyRead);
+    connect(socket, &QLocalSocket::disconnected, this, &Socket::disconnected);
+}
+
+void LocalSocket::connectToServer(const QString& name, QIODevice::OpenMode mode)
+{
+    setPeerName(name);
+    if (socket)
+        socket->connectToServer(name, mode);
+}
+
+QString LocalSocket::errorName(int code)
+{
+    // Codes 8 and 9 and the operation error have no name of their own here:
+    // the peers report them as unknown too.
+    switch (code) {
+    case QLocalSocket::ConnectionRefusedError: return QStringLiteral("ConnectionRefusedError");
+    case QLocalSocket::PeerClosedError: return QStringLiteral("PeerClosedError");
+    case QLocalSocket::ServerNotFoundError: return QStringLiteral("ServerNotFoundError");
+    case QLocalSocket::SocketAccessError: return QStringLiteral("SocketAccessError");
+    case QLocalSocket::SocketResourceError: return QStringLiteral("SocketResourceError");
+    case QLocalSocket::SocketTimeoutError: return QStringLiteral("SocketTimeoutError");
+    case QLocalSocket::DatagramTooLargeError: return QStringLiteral("DatagramTooLargeError");
+    case QLocalSocket::ConnectionError: return QStringLiteral("ConnectionError");
+    case QLocalSocket::UnsupportedSocketOperationError:
+        return QStringLiteral("UnsupportedSocketOperationError");
+    default: return QStringLiteral("UnknownSocketError");
+    }
+}
+
+void LocalSocket::onError(QLocalSocket::LocalSocketError code)
+{
+    reportError(code, errorName(code));
+}
+
+bool LocalSocket::isValid() const
+{
+    return socket && socket->isValid();
+}
+
+bool LocalSocket::waitForConnected(int ms)
+{
+    return socket && socket->waitForConnected(ms);
+}
+
+bool LocalSocket::waitForBytesWritten(int ms)
+{
+    return socket && socket->waitForBytesWritten(ms);
+}
+
+bool LocalSocket::waitForReadyRead(int ms)
+{
+    return socket && socket->waitForReadyRead(ms);
+}
+
+qint64 LocalSocket::bytesAvailable() const
+{
+    return socket ? socket->bytesAvailable() : 0;
+}
+
+qint64 LocalSocket::bytesToWrite() const
+{
+    return socket ? socket->bytesToWrite() : 0;
+}
+
+qint64 LocalSocket::write(const char* data, qint64 length)
+{
+    return socket ? socket->write(data, length) : -1;
+}
+
+QByteArray LocalSocket::readAll()
+{
+    return socket ? socket->readAll() : QByteArray();
+}
+
+QAbstractSocket::SocketState LocalSocket::state() const
+{
+    return socket ? QAbstractSocket::SocketState(socket->state()) : QAbstractSocket::UnconnectedState;
+}
+
+TcpSocket::TcpSocket(QObject* parent) : Socket(parent), socket(new QTcpSocket(this))
+{
+    attach();
+}
+
+TcpSocket::TcpSocket(QTcpSocket* accepted, QObject* parent) : Socket(parent), socket(accepted)
+{
+    if (socket) {
+        socket->setParent(this);
+        setPeerName(socket->peerAddress().toString() + QLatin1Char(':')
+                    + QString::number(socket->peerPort()));
+    }
+    attach();
+}
+
+TcpSocket::~TcpSocket() = default;
+
+void TcpSocket::attach()
+{
+    if (!socket)
+        return;
+    connect(socket, &QAbstractSocket::errorOccurred, this, &TcpSocket::onError);
+    connect(socket, &QAbstractSocket::readyRead, this, &Socket::readyRead);
+    connect(socket, &QAbstractSocket::disconnected, this, &Socket::disconnected);
+}
+
+void TcpSocket::connectToHost(const QHostAddress& address, quint16 port, QIODevice::OpenMode mode)
+{
+    setPeerName(address.toString() + QLatin1Char(':') + QString::number(port));
+    if (socket)
+        socket->connectToHost(address, port, mode);
+}
+
+QString TcpSocket::errorName(int code)
+{
+    switch (code) {
+    case QAbstractSocket::ConnectionRefusedError: return QStringLiteral("ConnectionRefusedError");
+    case QAbstractSocket::RemoteHostClosedError: return QStringLiteral("RemoteHostClosedError");
+    case QAbstractSocket::HostNotFoundError: return QStringLiteral("HostNotFoundError");
+    case QAbstractSocket::SocketAccessError: return QStringLiteral("SocketAccessError");
+    case QAbstractSocket::SocketResourceError: return QStringLiteral("SocketResourceError");
+    case QAbstractSocket::SocketTimeoutError: return QStringLiteral("SocketTimeoutError");
+    case QAbstractSocket::DatagramTooLargeError: return QStringLiteral("DatagramTooLargeError");
+    case QAbstractSocket::NetworkError: return QStringLiteral("NetworkError");
+    case QAbstractSocket::AddressInUseError: return QStringLiteral("AddressInUseError");
+    case QAbstractSocket::SocketAddressNotAvailableError:
+        return QStringLiteral("SocketAddressNotAvailableError");
+    case QAbstractSocket::UnsupportedSocketOperationError:
+        return QStringLiteral("UnsupportedSocketOperationError");
+    case QAbstractSocket::UnfinishedSocketOperationError:
+        return QStringLiteral("UnfinishedSocketOperationError");
+    case QAbstractSocket::ProxyAuthenticationRequiredError:
+        return QStringLiteral("ProxyAuthenticationRequiredError");
+    case QAbstractSocket::SslHandshakeFailedError: return QStringLiteral("SslHandshakeFailedError");
+    case QAbstractSocket::ProxyConnectionRefusedError:
+        return QStringLiteral("ProxyConnectionRefusedError");
+    case QAbstractSocket::ProxyConnectionClosedError:
+        return QStringLiteral("ProxyConnectionClosedError");
+    case QAbstractSocket::ProxyConnectionTimeoutError:
+        return QStringLiteral("ProxyConnectionTimeoutError");
+    case QAbstractSocket::ProxyNotFoundError: return QStringLiteral("ProxyNotFoundError");
+    case QAbstractSocket::ProxyProtocolError: return QStringLiteral("ProxyProtocolError");
+    default: return QStringLiteral("UnknownSocketError");
+    }
+}
+
+void TcpSocket::onError(QAbstractSocket::SocketError code)
+{
+    reportError(code, errorName(code));
+}
+
+bool TcpSocket::isValid() const
+{
+    return socket && socket->isValid();
+}
+
+bool TcpSocket::waitForConnected(int ms)
+{
+    return socket && socket->waitForConnected(ms);
+}
+
+bool TcpSocket::waitForBytesWritten(int ms)
+{
+    return socket && socket->waitForBytesWritten(ms);
+}
+
+bool TcpSocket::waitForReadyRead(int ms)
+{
+    return socket && socket->waitForReadyRead(ms);
+}
+
+qint64 TcpSocket::bytesAvailable() const
+{
+    return socket ? socket->bytesAvailable() : 0;
+}
+
+qint64 TcpSocket::bytesToWrite() const
+{
+    return socket ? socket->bytesToWrite() : 0;
+}
+
+qint64 TcpSocket::write(const char* data, qint64 length)
+{
+    return socket ? socket->write(data, length) : -1;
+}
+
+QByteArray TcpSocket::readAll()
+{
+    return socket ? socket->readAll() : QByteArray();
+}
+
+QAbstractSocket::SocketState TcpSocket::state() const
+{
+    return socket ? socket->state() : QAbstractSocket::UnconnectedState;
+}

@@ -1,0 +1,743 @@
+#include "logginginterface.h"
+#include "socketconnection.h"
+#include "socketserver.h"
+#include "stdoutcapture.h"
+
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+
+class tst_SocketConnection : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void messagesHaveTheirWireLayout_data();
+    void messagesHaveTheirWireLayout();
+    void everySplitGivesTheSameMessages_data();
+    void everySplitGivesTheSameMessages();
+    void partialFieldsWaitForTheirBytes();
+    void brokenMessagesAreSkipped_data();
+    void brokenMessagesAreSkipped();
+    void valueLimits();
+    void undecodableNestedValueStallsUntilReset();
+    void clientNameDecidesUrgency();
+    void invokeTimerGuardsUnfinishedCallsWithReturn();
+    void callbackMayParseAgainOrDeleteTheConnection();
+    void parsingIsLinearInTheBytesReceived();
+    void constructionPicksTheTransport();
+    void writeDataCompletesPartialWrites();
+    void flushWaitsForOutgoingBytes();
+};
+
+namespace {
+
+QByteArray hex(const char* text)
+{
+    return QByteArray::fromHex(text);
+}
+
+QByteArray captured(const std::function<void()>& work)
+{
+    StdoutCapture capture;
+    work();
+    return capture.take();
+}
+
+// --- Messages as peers write them, built from the value encoders.
+
+QByteArray header(quint8 type)
+{
+    QByteArray bytes;
+    SocketConnection::appendValue(bytes, SocketConnection::MagicNumber);
+    SocketConnection::appendValue(bytes, type);
+    return bytes;
+}
+
+QByteArray encodedValues(const QList<SocketArgument>& values)
+{
+    QByteArray bytes;
+    for (const SocketArgument& value : values)
+        SocketConnection::appendParameter(bytes, value);
+    return bytes;
+}
+
+// Types 0 (with the query id), 1 and 2.
+QByteArray message(quint8 type, const QByteArray& name, const QList<SocketArgument>& values = {},
+                   quint16 queryId = 0)
+{
+    QByteArray bytes = header(type);
+    if (type == SocketConnection::CallWithReturnMessage)
+        SocketConnection::appendValue(bytes, queryId);
+    return bytes + name + '\0' + encodedValues(values) + '\0';
+}
+
+// value null: a failed call.
+QByteArray returnMessage(quint16 queryId, const SocketArgument* value)
+{
+    QByteArray bytes = header(SocketConnection::ReturnValueMessage);
+    SocketConnection::appendValue(bytes, queryId);
+    SocketConnection::appendValue(bytes, quint8(value ? 1 : 0));
+    return value ? bytes + encodedValues({*value}) : bytes;
+}
+
+QByteArray oneValueMessage(quint8 type, const SocketArgument& value)
+{
+    return header(type) + encodedValues({value});
+}
+
+QList<SocketArgument> ints(int count)
+{
+    QList<SocketArgument> values;
+    for (int i = 0; i < count; ++i)
+        values.append(i);
+    return values;
+}
+
+// A value of every kind that peers accept, nested containers included.
+QList<SocketArgument> everyKind()
+{
+    InternalId id;
+    id.kind = InternalId::Device;
+    id.serialNumber = 123456;
+    return {QString::fromUtf8("näme"),
+            QByteArray("raw"),
+            static_cast<signed char>(-1),
+            -100000,
+            -(1LL << 40),
+            static_cast<unsigned char>(250),
+            static_cast<unsigned short>(65000),
+            4000000000u,
+            1ULL << 63,
+            true,
+            QList<int>{1, -2},
+            QStringList{"a", ""},
+            id,
+            -0.75,
+            QMap<QString, QString>{{"k", "v"}},
+            QVariantMap{{"l", QVariantList{1, QString("two"), QVariantMap{{"x", 2.5}}}}, {"n", 7u}},
+            QVariantList{QStringList{"p"}, QByteArray("q"), -3LL, 4ULL, false}};
+}
+
+// --- What the parser hands out, as text: kind, the message's data, its
+// values written again.
+
+QString described(const char* kind, const QString& detail, const QList<SocketArgument>& values = {})
+{
+    return QStringLiteral("%1 %2 %3").arg(kind, detail, QString::fromLatin1(encodedValues(values).toHex()));
+}
+
+QString returnEvent(int queryId, bool success, const SocketArgument* value)
+{
+    return described("return", QStringLiteral("%1 %2 %3").arg(queryId).arg(success).arg(value != nullptr),
+                     value ? QList<SocketArgument>{*value} : QList<SocketArgument>{});
+}
+
+class Recorder : public SocketMessageReceiver
+{
+public:
+    void callReceived(SocketConnection* connection, bool urgent) override
+    {
+        // Only a call with return carries a query id.
+        const bool withId = connection->getMessageType() == SocketConnection::CallWithReturnMessage;
+        record(connection, "call",
+               QStringLiteral("%1 %2 %3%4")
+                   .arg(connection->getMessageType())
+                   .arg(withId ? connection->getQueryId() : 0)
+                   .arg(QString::fromLatin1(connection->getSignature()), urgent ? " urgent" : ""));
+    }
+    void subscriptionReceived(SocketConnection* connection, const QByteArray& signature) override
+    {
+        events << described("subscription", QString::fromLatin1(signature));
+        if (afterEvent)
+            afterEvent(connection);
+    }
+    void returnValueReceived(SocketConnection* connection, quint16 queryId, bool success,
+                             const SocketArgument* value) override
+    {
+        events << returnEvent(queryId, success, value);
+        if (afterEvent)
+            afterEvent(connection);
+    }
+    void signalReceived(SocketConnection* connection) override
+    {
+        record(connection, "signal", QString::fromLatin1(connection->getSignature()));
+    }
+
+    QStringList events;
+    std::function<void(SocketConnection*)> afterEvent;
+
+private:
+    void record(SocketConnection* connection, const char* kind, const QString& detail)
+    {
+        QList<SocketArgument> values;
+        for (int i = 0; i < connection->getParsedValueCount(); ++i)
+            values << connection->getParsedValue(i);
+        events << described(kind, detail, values);
+        if (afterEvent)
+            afterEvent(connection);
+    }
+};
+
+QString callEvent(int type, const QByteArray& signature, const QList<SocketArgument>& values = {},
+                  bool urgent = false, int queryId = 0)
+{
+    return described("call",
+                     QStringLiteral("%1 %2 %3%4")
+                         .arg(type)
+                         .arg(queryId)
+                         .arg(QString::fromLatin1(signature), urgent ? " urgent" : ""),
+                     values);
+}
+
+struct ParseRun
+{
+    QStringList events;
+    QStringList errors; // the error lines' texts, positions masked
+    QByteArray clientName;
+    QByteArray unparsed;
+};
+
+// Parses stream on a connection without socket, delivered in pieces that end
+// at the given offsets and at its end.
+ParseRun parse(SocketConnection::ParserSide side, const QByteArray& stream, const QList<int>& cuts = {})
+{
+    ParseRun run;
+    SocketConnection connection(static_cast<Socket*>(nullptr));
+    Recorder recorder;
+    const QByteArray log = captured([&] {
+        int from = 0;
+        for (int cut : cuts + QList<int>{stream.size()}) {
+            connection.appendReceivedData(stream.mid(from, cut - from));
+            connection.parseReceivedData(side, &recorder);
+            from = cut;
+        }
+    });
+    for (const QByteArray& line : log.split('\n')) {
+        // Behind "EE", the file name and the line number. Positions count
+        // from the start of a read, so they depend on the split.
+        if (line.contains("EE "))
+            run.errors << QString::fromUtf8(line.mid(line.indexOf("EE ") + 30))
+                              .replace(QRegularExpression("position -?\\d+"), "position N");
+    }
+    run.events = recorder.events;
+    run.clientName = connection.getClientName();
+    run.unparsed = connection.unparsedData();
+    return run;
+}
+
+// A socket that takes at most three bytes per write, or fails.
+class TrickleSocket : public Socket
+{
+public:
+    bool isValid() const override { return true; }
+    bool waitForConnected(int) override { return true; }
+    bool waitForBytesWritten(int) override { return ++waits > 0; }
+    bool waitForReadyRead(int) override { return false; }
+    qint64 bytesAvailable() const override { return 0; }
+    qint64 bytesToWrite() const override { return 0; }
+    qint64 write(const char* data, qint64 length) override
+    {
+        if (failing) {
+            reportError(QAbstractSocket::NetworkError, "NetworkError");
+            return -1;
+        }
+        written.append(data, int(qMin<qint64>(length, 3)));
+        return qMin<qint64>(length, 3);
+    }
+    QByteArray readAll() override { return QByteArray(); }
+    QAbstractSocket::SocketState state() const override { return QAbstractSocket::ConnectedState; }
+
+    bool failing = false;
+    int waits = 0;
+    QByteArray written;
+};
+
+// Two connections joined by a real local or TCP socket.
+struct Link
+{
+    QTemporaryDir dir;
+    std::unique_ptr<SocketServer> server;
+    std::unique_ptr<SocketConnection> client;   // the connecting end
+    std::unique_ptr<SocketConnection> accepted; // the accepted end
+
+    QString open(bool tcp)
+    {
+        if (tcp) {
+            auto* tcpServer = new TcpServer;
+            server.reset(tcpServer);
+            client.reset(new SocketConnection(SocketConnection::TcpSocketType));
+            if (!tcpServer->listen(QHostAddress::LocalHost, 0))
+                return tcpServer->errorString();
+            static_cast<TcpSocket*>(client->getSocket())
+                ->connectToHost(QHostAddress::LocalHost, tcpServer->getPort());
+        } else {
+            auto* localServer = new LocalServer;
+            server.reset(localServer);
+            client.reset(new SocketConnection(SocketConnection::LocalSocketType));
+            if (!localServer->listen(dir.filePath("service")))
+                return localServer->errorString();
+            static_cast<LocalSocket*>(client->getSocket())->connectToServer(dir.filePath("service"));
+        }
+        if (!client->getSocket()->waitForConnected(5000))
+            return "connect: " + client->getSocket()->getLastErrorText();
+        QSignalSpy spy(server.get(), &SocketServer::newConnection);
+        Socket* peer = server->nextPendingConnection();
+        if (!peer && spy.wait(5000))
+            peer = server->nextPendingConnection();
+        accepted.reset(peer ? new SocketConnection(peer) : nullptr);
+        return peer ? QString() : QString("nothing accepted");
+    }
+
+    // Raw bytes arriving at the accepted end, until count or a time limit.
+    QByteArray receive(int count)
+    {
+        QByteArray bytes;
+        QElapsedTimer timer;
+        timer.start();
+        while (bytes.size() < count && !timer.hasExpired(10000)) {
+            accepted->getSocket()->waitForReadyRead(50);
+            bytes += accepted->getSocket()->readAll();
+        }
+        return bytes;
+    }
+};
+
+} // namespace
+
+void tst_SocketConnection::initTestCase()
+{
+    initLogging(false, false, false, true);
+}
+
+void tst_SocketConnection::messagesHaveTheirWireLayout_data()
+{
+    QTest::addColumn<bool>("tcp");
+    QTest::addColumn<int>("message");
+    QTest::addColumn<QByteArray>("bytes");
+    const char* const messages[][2] = {
+        {"call with return", "45bfd7a3 00 0700 6765744e616d65 00 00"},
+        {"call without return", "45bfd7a3 01 70696e67 00 01 04000000 75706e70 05 03000000 00"},
+        {"call ends at first invalid argument", "45bfd7a3 01 6d 00 0b 01 00"},
+        {"signal", "45bfd7a3 02 6368616e676564 00 02 01000000 6b 00"},
+        {"return of int32 1", "45bfd7a3 03 0700 01 05 01000000"},
+        {"failed return", "45bfd7a3 03 0700 00"},
+        {"return without value", "45bfd7a3 03 0800 01 00"},
+        {"subscription", "45bfd7a3 04 02 0c000000 6368616e67656428696e7429"},
+        {"client name", "45bfd7a3 05 02 03000000 727063"},
+    };
+    for (bool tcp : {false, true})
+        for (int i = 0; i < int(sizeof(messages) / sizeof(messages[0])); ++i)
+            QTest::addRow("%s: %s", tcp ? "tcp" : "local", messages[i][0]) << tcp << i << hex(messages[i][1]);
+}
+
+void tst_SocketConnection::messagesHaveTheirWireLayout()
+{
+    QFETCH(bool, tcp);
+    QFETCH(int, message);
+    QFETCH(QByteArray, bytes);
+    Link link;
+    const QString failure = link.open(tcp);
+    QVERIFY2(failure.isEmpty(), qPrintable(failure));
+
+    SocketConnection& writer = *link.client;
+    const SocketArgument name(QString("upnp")), stage(3), yes(true), invalid, key("k"), one(1);
+    const std::function<bool()> writers[] = {
+        [&] { return writer.writeCall(SocketConnection::CallWithReturnMessage, 7, "getName", {}); },
+        [&] {
+            return writer.writeCall(SocketConnection::CallWithoutReturnMessage, 7, "ping", {&name, &stage});
+        },
+        [&] {
+            return writer.writeCall(SocketConnection::CallWithoutReturnMessage, 0, "m",
+                                    {&yes, &invalid, &one});
+        },
+        [&] { return writer.writeSignal("changed", {&key}); },
+        [&] { return writer.writeReturnValue(7, true, &one); },
+        [&] { return writer.writeReturnValue(7, false, &one); },
+        [&] { return writer.writeReturnValue(8, true, &invalid); },
+        [&] { return writer.writeSubscription("changed(int)"); },
+        [&] { return writer.writeClientName("rpc"); },
+    };
+    QVERIFY(writers[message]());
+    QVERIFY(writer.flush(5000));
+    QCOMPARE(link.receive(bytes.size()).toHex(' '), bytes.toHex(' '));
+}
+
+void tst_SocketConnection::everySplitGivesTheSameMessages_data()
+{
+    QTest::addColumn<int>("side");
+    QTest::addColumn<QByteArray>("stream");
+    QTest::addColumn<int>("eventCount");
+    QTest::addColumn<int>("errorCount");
+
+    const QList<SocketArgument> all = everyKind();
+    const SocketArgument answer(QStringList{"x", "y"});
+    QList<SocketArgument> broken = ints(2);
+    broken.append(short(5));
+    // Garbage, every message type, broken messages and an unfinished one.
+    QTest::newRow("server") << int(SocketConnection::ServerSide)
+                            << hex("00 11") + oneValueMessage(5, "rpc") + message(0, "getName", {}, 7)
+                                   + message(1, "first", all.mid(0, 10)) + hex("ab cd ef 45")
+                                   + oneValueMessage(4, "changed(int)") + message(1, "rest", all.mid(10))
+                                   + message(1, "bad", broken) + message(2, "asCall", {true})
+                                   + oneValueMessage(5, "other") + header(1) + "tag20" + hex("00 14 00")
+                                   + header(4) + hex("00") + message(1, "eleven", ints(11))
+                                   + message(0, "ten", ints(10), 9) + message(1, "many", ints(33)) + header(0)
+                                   + hex("0a00") + "unfinished"
+                            << 6 << 11;
+    QTest::newRow("client") << int(SocketConnection::ClientSide)
+                            << hex("45 45bf") + returnMessage(7, &answer) + returnMessage(8, nullptr)
+                                   + header(3) + hex("0900 01 00") + message(2, "all", all) + hex("d7a3")
+                                   + message(2, "bad", broken) + header(3) + hex("0b00 01 13")
+                                   + message(1, "callAsSignal", {true}) + message(2, "max", ints(32))
+                                   + message(2, "over", ints(33)) + header(3) + hex("0c00 01 14") + header(2)
+                                   + "unfinished" + hex("00 05 0100")
+                            << 6 << 10;
+}
+
+void tst_SocketConnection::everySplitGivesTheSameMessages()
+{
+    QFETCH(int, side);
+    QFETCH(QByteArray, stream);
+    QFETCH(int, eventCount);
+    QFETCH(int, errorCount);
+    const auto parserSide = SocketConnection::ParserSide(side);
+
+    const ParseRun whole = parse(parserSide, stream);
+    QCOMPARE(whole.events.size(), eventCount);
+    QCOMPARE(whole.errors.size(), errorCount);
+    QVERIFY(!whole.unparsed.isEmpty()); // the unfinished message waits
+
+    QList<int> everyByte;
+    for (int i = 1; i < stream.size(); ++i)
+        everyByte << i;
+    QList<QList<int>> splits{everyByte};
+    for (int cut = 1; cut < stream.size(); ++cut)
+        splits << QList<int>{cut};
+    for (const QList<int>& cuts : splits) {
+        const ParseRun split = parse(parserSide, stream, cuts);
+        if (split.events != whole.events || split.errors != whole.errors
+            || split.clientName != whole.clientName || split.unparsed != whole.unparsed) {
+            QCOMPARE(split.events, whole.events);
+            QCOMPARE(split.errors, whole.errors);
+            QCOMPARE(split.clientName, whole.clientName);
+            QCOMPARE(split.unparsed, whole.unparsed);
+        }
+    }
+}
+
+void tst_SocketConnection::partialFieldsWaitForTheirBytes()
+{
+    SocketConnection connection(static_cast<Socket*>(nullptr));
+    Recorder recorder;
+    auto feed = [&](const QByteArray& bytes) {
+        connection.appendReceivedData(bytes);
+        connection.parseReceivedData(SocketConnection::ServerSide, &recorder);
+    };
+    // Garbage goes; the start of a sync word stays for the next read.
+    feed(hex("00 11 45 bf d7"));
+    QCOMPARE(connection.unparsedData(), hex("45 bf d7"));
+    // A method name waits for its NUL.
+    feed(message(1, "getName").mid(3, 7));
+    QCOMPARE(connection.unparsedData(), QByteArray("getNa"));
+    feed("me");
+    QVERIFY(recorder.events.isEmpty());
+    feed(QByteArray(2, '\0'));
+    QCOMPARE(recorder.events, QStringList{callEvent(1, "getName()")});
+    QCOMPARE(connection.unparsedData(), QByteArray());
+
+    const ParseRun examples =
+        parse(SocketConnection::ClientSide,
+              hex("45bfd7a3 03 0700 01 05 01000000 45bfd7a3 03 0700 00 45bfd7a3 03 0900 01 00"));
+    const SocketArgument one(1);
+    QCOMPARE(examples.events, (QStringList{returnEvent(7, true, &one), returnEvent(7, false, nullptr),
+                                           returnEvent(9, true, nullptr)}));
+}
+
+void tst_SocketConnection::brokenMessagesAreSkipped_data()
+{
+    QTest::addColumn<int>("side");
+    QTest::addColumn<QByteArray>("broken");
+    QTest::addColumn<QStringList>("errors");
+    const int server = SocketConnection::ServerSide;
+    const int client = SocketConnection::ClientSide;
+    const QByteArray m = QByteArray("m") + '\0';
+    const QString dump = "method name: %1 so far parsed parameters: %2buffer content: %3 ";
+
+    QTest::newRow("server: tag 4") << server << header(1) + m + hex("05 01000000 04 0100 00")
+                                   << QStringList{"Unsupported data type \x04", "broken rpc command: m ",
+                                                  dump.arg("m").arg(1).arg("45bfd7a3016d00050100000004")};
+    QTest::newRow("server: tag 19") << server << header(1) + m + hex("13 00")
+                                    << QStringList{"Unsupported data type \x13", "broken rpc command: m ",
+                                                   dump.arg("m").arg(0).arg("45bfd7a3016d0013")};
+    QTest::newRow("server: tag 20") << server << header(0) + hex("0100") + m + hex("14 00")
+                                    << QStringList{"invalid value type 0x14 at position N",
+                                                   dump.arg("m").arg(0).arg("45bfd7a30001006d0014")};
+    QTest::newRow("server: subscription with end tag")
+        << server << header(4) + hex("00")
+        << QStringList{"Unsupported data type ", "broken subscription ",
+                       dump.arg("").arg(0).arg("45bfd7a30400")};
+    QTest::newRow("server: client name of kind 4")
+        << server << header(5) + hex("04 0000")
+        << QStringList{"Unsupported data type \x04", "broken client name ",
+                       dump.arg("").arg(0).arg("45bfd7a30504")};
+    QTest::newRow("client: return value of kind 4")
+        << client << header(3) + hex("0700 01 04 0100")
+        << QStringList{"Unsupported data type \x04", "broken return value ",
+                       dump.arg("").arg(0).arg("45bfd7a30307000104")};
+    QTest::newRow("client: signal with tag 19")
+        << client << header(2) + m + hex("0b01 13 00")
+        << QStringList{"Unsupported data type \x13", "broken signal at position N: m ",
+                       dump.arg("m").arg(1).arg("45bfd7a3026d000b0113")};
+    QTest::newRow("client: tag 20 in a return value")
+        << client << header(3) + hex("0700 01 20")
+        << QStringList{"invalid value type 0x20 at position N",
+                       dump.arg("").arg(0).arg("45bfd7a30307000120")};
+}
+
+void tst_SocketConnection::brokenMessagesAreSkipped()
+{
+    QFETCH(int, side);
+    QFETCH(QByteArray, broken);
+    QFETCH(QStringList, errors);
+    // The parser logs, dumps the message and searches the next sync word.
+    const ParseRun run = parse(SocketConnection::ParserSide(side), broken + message(1, "good"));
+    QCOMPARE(run.events.size(), 1);
+    QVERIFY(run.events.first().contains("good()"));
+    QCOMPARE(run.errors, errors);
+}
+
+void tst_SocketConnection::valueLimits()
+{
+    // A server calls with up to 10 values and drops more at the end tag.
+    ParseRun run = parse(SocketConnection::ServerSide,
+                         message(1, "ten", ints(10)) + message(1, "eleven", ints(11)) + message(1, "next"));
+    QCOMPARE(run.events, (QStringList{callEvent(1, "ten(int,int,int,int,int,int,int,int,int,int)", ints(10)),
+                                      callEvent(1, "next()")}));
+    QCOMPARE(run.errors, QStringList{"more than 10 arguments!!! "});
+
+    // 33 values would overflow the 32 slots: the message is broken, on both sides.
+    run = parse(SocketConnection::ServerSide, message(1, "many", ints(33)) + message(1, "next"));
+    QCOMPARE(run.events, QStringList{callEvent(1, "next()")});
+    QCOMPARE(run.errors.value(0), QString("broken rpc command: many "));
+    QVERIFY(run.errors.value(1).startsWith(
+        "method name: many so far parsed parameters: 32buffer content: 45bfd7a3"));
+    run = parse(SocketConnection::ClientSide, message(2, "many", ints(33)) + message(2, "eleven", ints(11)));
+    QCOMPARE(run.events, QStringList{described("signal", "eleven(" + QByteArray("int,").repeated(10) + "int)",
+                                               ints(11))});
+    QCOMPARE(run.errors.value(0), QString("broken signal at position N: many "));
+}
+
+void tst_SocketConnection::undecodableNestedValueStallsUntilReset()
+{
+    SocketConnection connection(static_cast<Socket*>(nullptr));
+    Recorder recorder;
+    // A variant list holding a 16-bit value: never broken, never complete.
+    const QByteArray stalled = header(1) + "m" + hex("00 12 02000000 04 0100");
+    const QByteArray log = captured([&] {
+        for (const QByteArray& bytes : {stalled + message(1, "waiting"), message(1, "waiting")}) {
+            connection.appendReceivedData(bytes);
+            connection.parseReceivedData(SocketConnection::ServerSide, &recorder);
+        }
+    });
+    QVERIFY(recorder.events.isEmpty());
+    QCOMPARE(log.count("EE "), 1);
+    QVERIFY2(log.contains("Unsupported data type \x04"), log);
+
+    // As the server does when the invoke timer of such a call fires.
+    connection.resetParser();
+    connection.parseReceivedData(SocketConnection::ServerSide, &recorder);
+    QCOMPARE(recorder.events, (QStringList{callEvent(1, "waiting()"), callEvent(1, "waiting()")}));
+}
+
+void tst_SocketConnection::clientNameDecidesUrgency()
+{
+    const ParseRun run = parse(SocketConnection::ServerSide,
+                               message(1, "a") + oneValueMessage(5, "rpc") + message(1, "b")
+                                   + oneValueMessage(5, "rpcx") + message(1, "c") + oneValueMessage(5, "rpc")
+                                   + oneValueMessage(5, QString("rpc")) + message(1, "d"));
+    QCOMPARE(run.events, (QStringList{callEvent(1, "a()"), callEvent(1, "b()", {}, true), callEvent(1, "c()"),
+                                      callEvent(1, "d()")}));
+    // A name that is not a byte string reads as empty, with the converter's line.
+    QCOMPARE(run.clientName, QByteArray());
+    QCOMPARE(run.errors, QStringList{"type is not string8 - returning default value type= 1"});
+}
+
+void tst_SocketConnection::invokeTimerGuardsUnfinishedCallsWithReturn()
+{
+    SocketConnection connection(static_cast<Socket*>(nullptr));
+    QCOMPARE(connection.getInvokeTimeoutInterval(), 5000);
+    connection.setInvokeTimeoutInterval(50);
+    QSignalSpy timeouts(&connection, &SocketConnection::invokeTimeout);
+    Recorder recorder;
+    auto feed = [&](const QByteArray& bytes,
+                    SocketConnection::ParserSide side = SocketConnection::ServerSide) {
+        connection.appendReceivedData(bytes);
+        captured([&] { connection.parseReceivedData(side, &recorder); });
+    };
+
+    // From the name of a call with return to its end tag.
+    const QByteArray slow = message(0, "slow", {1}, 3);
+    feed(slow.chopped(1));
+    QVERIFY(timeouts.wait(5000));
+    feed(slow.right(1) + message(0, "quick", {}, 4));
+    feed(message(1, "noReturn", {1}).chopped(1));
+    QVERIFY(!timeouts.wait(300));
+    QCOMPARE(recorder.events,
+             (QStringList{callEvent(0, "slow(int)", {1}, false, 3), callEvent(0, "quick()", {}, false, 4)}));
+
+    // Not on the client side.
+    connection.resetParser();
+    feed(slow.chopped(1), SocketConnection::ClientSide);
+    QVERIFY(!timeouts.wait(300));
+
+    // Eleven values are dropped unanswered: the timer is left to answer them.
+    connection.resetParser();
+    feed(message(0, "eleven", ints(11), 5));
+    QVERIFY(timeouts.wait(5000));
+    QCOMPARE(timeouts.count(), 2);
+    QCOMPARE(connection.getQueryId(), quint16(5));
+}
+
+void tst_SocketConnection::callbackMayParseAgainOrDeleteTheConnection()
+{
+    // A receiver that waits for a further answer from inside its callback, as
+    // a blocking call does: the nested pass goes on from where the outer one
+    // stands, and the outer one neither repeats nor loses a message.
+    const SocketArgument first(1), second(QString("two")), third(3.5);
+    const QByteArray rest = returnMessage(2, &second) + message(2, "s", {true}) + returnMessage(3, &third);
+    SocketConnection connection(static_cast<Socket*>(nullptr));
+    Recorder recorder;
+    recorder.afterEvent = [&](SocketConnection* c) {
+        if (recorder.events.size() == 1) {
+            c->appendReceivedData(rest.chopped(5));
+            c->parseReceivedData(SocketConnection::ClientSide, &recorder);
+        }
+    };
+    connection.appendReceivedData(returnMessage(1, &first));
+    connection.parseReceivedData(SocketConnection::ClientSide, &recorder);
+    connection.appendReceivedData(rest.right(5));
+    connection.parseReceivedData(SocketConnection::ClientSide, &recorder);
+    QCOMPARE(recorder.events,
+             (QStringList{returnEvent(1, true, &first), returnEvent(2, true, &second),
+                          described("signal", "s(bool)", {true}), returnEvent(3, true, &third)}));
+    QCOMPARE(connection.unparsedData(), QByteArray());
+
+    // Parsing stops where a callback deleted the connection.
+    auto* doomed = new SocketConnection(static_cast<Socket*>(nullptr));
+    Recorder deleting;
+    deleting.afterEvent = [](SocketConnection* c) { delete c; };
+    doomed->appendReceivedData(returnMessage(1, &first) + returnMessage(2, &first));
+    doomed->parseReceivedData(SocketConnection::ClientSide, &deleting);
+    QCOMPARE(deleting.events.size(), 1);
+}
+
+void tst_SocketConnection::parsingIsLinearInTheBytesReceived()
+{
+    // The machine's pace (emulators and sanitizers are slow): the time it
+    // takes to encode the first stream. Parsing each stream below, however it
+    // is delivered, costs a small multiple of that; a parser that copies or
+    // rescans the buffer per message or per piece takes far longer. Each loop
+    // stops at the bound.
+    QElapsedTimer pace;
+    pace.start();
+    QByteArray many;
+    const int messages = 400000;
+    for (int i = 0; i < messages; ++i)
+        many += message(1, "m", {i});
+    const qint64 boundMs = 10 * qMax<qint64>(pace.elapsed(), 20) + 1000;
+
+    QStringList list;
+    QVariantList variants;
+    for (int i = 0; i < 20000; ++i) {
+        list << QString(QChar('a' + i % 26));
+        variants << i;
+    }
+    const struct
+    {
+        const char* what;
+        QByteArray stream;
+        int piece;
+        int events;
+    } runs[] = {
+        {"400000 messages at once", many, int(many.size()), messages},
+        {"20000 messages byte by byte", many.left(many.size() / 20), 1, messages / 20},
+        {"two long containers byte by byte", message(2, "lists", {list, QVariantMap{{"v", variants}}}), 1, 1},
+        {"a long name byte by byte", message(1, QByteArray(1600000, 'n')), 1, 1},
+    };
+    for (const auto& run : runs) {
+        SocketConnection connection(static_cast<Socket*>(nullptr));
+        Recorder recorder;
+        QElapsedTimer timer;
+        timer.start();
+        for (int from = 0; from < run.stream.size() && !timer.hasExpired(boundMs); from += run.piece) {
+            connection.appendReceivedData(run.stream.mid(from, run.piece));
+            connection.parseReceivedData(SocketConnection::ClientSide, &recorder);
+        }
+        std::fprintf(stderr, "%s: %lld ms (bound %lld ms)\n", run.what,
+                     static_cast<long long>(timer.elapsed()), static_cast<long long>(boundMs));
+        QVERIFY2(timer.elapsed() < boundMs, run.what);
+        QCOMPARE(recorder.events.size(), run.events);
+    }
+}
+
+void tst_SocketConnection::constructionPicksTheTransport()
+{
+    SocketConnection local(SocketConnection::LocalSocketType);
+    SocketConnection tcp(SocketConnection::TcpSocketType);
+    QVERIFY(qobject_cast<LocalSocket*>(local.getSocket()));
+    QVERIFY(qobject_cast<TcpSocket*>(tcp.getSocket()));
+    QCOMPARE(tcp.getConnectionNumber(), local.getConnectionNumber() + 1);
+
+    std::unique_ptr<SocketConnection> none;
+    const QByteArray log =
+        captured([&] { none.reset(new SocketConnection(SocketConnection::SocketType(2))); });
+    QVERIFY2(log.endsWith("invalid socket type \n"), log);
+    QVERIFY(!none->getSocket() && !none->writeData("x") && !none->flush(10));
+
+    // A connection owns the socket handed to it.
+    QPointer<Socket> handed(new TcpSocket);
+    delete new SocketConnection(handed.data());
+    QVERIFY(handed.isNull());
+}
+
+void tst_SocketConnection::writeDataCompletesPartialWrites()
+{
+    // Qt's sockets take every byte into their own buffer; a socket that takes
+    // only a part is waited on and given the rest.
+    auto* trickle = new TrickleSocket;
+    SocketConnection connection(trickle);
+    QVERIFY(connection.writeData("0123456789"));
+    QCOMPARE(trickle->written, QByteArray("0123456789"));
+    QCOMPARE(trickle->waits, 3);
+    trickle->failing = true;
+    const QByteArray log = captured([&] { QVERIFY(!connection.writeValue(quint32(1))); });
+    QVERIFY2(log.endsWith("socket write error: NetworkError \n"), log);
+}
+
+void tst_SocketConnection::flushWaitsForOutgoingBytes()
+{
+    for (bool tcp : {false, true}) {
+        Link link;
+        const QString failure = link.open(tcp);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        QVERIFY(link.client->flush(10)); // nothing to send
+        QVERIFY(link.client->writeData("hello") && link.client->flush(5000));
+        QCOMPARE(link.client->getSocket()->bytesToWrite(), 0);
+        QCOMPARE(link.receive(5), QByteArray("hello"));
+        // Nobody reads: once the kernel's buffers are full nothing leaves.
+        const QByteArray block(1 << 20, 'x');
+        for (int i = 0; i < 48; ++i)
+            QVERIFY(link.client->writeData(block.constData(), block.size()));
+        QVERIFY(!link.client->flush(200));
+        QVERIFY(link.client->getSocket()->bytesToWrite() > 0);
+    }
+}
+
+QTEST_GUILESS_MAIN(tst_SocketConnection)
+#include "tst_socketconnection.moc"
