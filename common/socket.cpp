@@ -195,7 +195,9 @@ void TcpSocket::onError(QAbstractSocket::SocketError code)
 
 bool TcpSocket::isValid() const
 {
-    return socket && socket->isValid();
+    // QTcpSocket stays "valid" after a refused connect, until it is closed;
+    // a stream that never connected or has gone is of no use to anyone.
+    return socket && socket->isValid() && socket->state() != QAbstractSocket::UnconnectedState;
 }
 
 bool TcpSocket::waitForConnected(int ms)

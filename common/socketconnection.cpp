@@ -766,7 +766,8 @@ bool SocketConnection::writeData(const char* data, qint64 length)
         // Checked on every round: a slot run during the wait may destroy the socket.
         if (!socket)
             return false;
-        const qint64 written = socket->write(data, length);
+        // A stream that never connected, or has gone, takes nothing.
+        const qint64 written = socket->isValid() ? socket->write(data, length) : -1;
         if (written < 0) {
             CLOG(Error) << "socket write error:" << socket->getLastErrorText();
             return false;

@@ -8,6 +8,7 @@
 
 class SocketAdaptor;
 class SocketConnection;
+struct SocketCall;
 
 // The state shared by all handles of one promise: which call the deferred
 // result belongs to, and a result that arrived before the call was known.
@@ -28,7 +29,8 @@ struct SocketPromiseData
 // A cheap handle on a deferred result. A slot exposed over RPC returns one when
 // it cannot answer at once; the handle lives on in a SocketArgument of kind
 // TypePromise and in the slot's own copies. Copies share the data; the last
-// handle to go deletes it.
+// handle to go deletes it. A promise of a call that goes without a result
+// answers the caller with a failure, so that nobody waits for a time limit.
 class SocketPromise
 {
 public:
@@ -40,6 +42,13 @@ public:
     // SocketArgument's value buffer.
     virtual ~SocketPromise();
 
+    // Called by the RPC server right after the slot returned this promise.
+    void setCallData(SocketAdaptor* adaptor, const SocketCall& call);
+    // Called by the slot's implementation when the result is ready, from any
+    // copy of the handle; the first result wins. Sent as soon as both the
+    // call and the result are known.
+    void setResult(const SocketArgument& result) const;
+
     // The shared data; null never happens for a live handle.
     SocketPromiseData* data() const { return d; }
 
@@ -48,5 +57,7 @@ private:
 
     SocketPromiseData* d;
 };
+
+Q_DECLARE_METATYPE(SocketPromise)
 
 #endif // SOCKETPROMISE_H

@@ -1,0 +1,143 @@
+#ifndef SOCKETADAPTOR_H
+#define SOCKETADAPTOR_H
+
+#include "socketconnection.h"
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QMap>
+#include <QObject>
+#include <QPointer>
+#include <QSet>
+#include <QString>
+#include <QTimer>
+
+#include <memory>
+
+class SocketInterface;
+class SocketServer;
+
+// One call received by the RPC server, queued until it is invoked.
+struct SocketCall
+{
+    static constexpr int MaxArguments = 10;
+
+    // Weak: the client may go while its call waits.
+    QPointer<SocketConnection> connection;
+    QByteArray methodName;
+    QByteArray signature; // e.g. run(int)
+    quint16 queryId = 0;
+    bool wantsReturn = false;
+    SocketArgument arguments[MaxArguments];
+};
+
+// The server end of the backend's RPC: makes this object's slots callable by
+// other processes, by their signature text, and sends its signals to the
+// clients that subscribed to them. Listens on a local socket
+// (socketDir/getModuleName()) or on a loopback TCP port written to
+// socketDir/getModuleName().port.
+//
+// Calls are queued and invoked one per event-loop turn; calls of a client
+// announced as "rpc" go ahead of all others and are served at once. A slot
+// answers by returning a value, or a SocketPromise to answer later. Every
+// call with return gets an answer: its value, or a failure.
+class SocketAdaptor : public QObject, private SocketMessageReceiver
+{
+    Q_OBJECT
+
+public:
+    explicit SocketAdaptor(QObject* parent = nullptr);
+    ~SocketAdaptor() override;
+
+    // Takes over a listening socket handed in by the service manager.
+    bool startSocketActivatedServer(int socketDescriptor);
+
+    // Sends a signal, e.g. "configValueChanged(QString,QString,bool)", with
+    // up to ten values to every client that subscribed to it.
+    void emitSignal(const char* signature, const SocketArgument& a1 = SocketArgument(),
+                    const SocketArgument& a2 = SocketArgument(), const SocketArgument& a3 = SocketArgument(),
+                    const SocketArgument& a4 = SocketArgument(), const SocketArgument& a5 = SocketArgument(),
+                    const SocketArgument& a6 = SocketArgument(), const SocketArgument& a7 = SocketArgument(),
+                    const SocketArgument& a8 = SocketArgument(), const SocketArgument& a9 = SocketArgument(),
+                    const SocketArgument& a10 = SocketArgument());
+    void emitSignalWithArgumentList(const char* signature, const QList<const SocketArgument*>& arguments);
+    bool isSignalSubscribed(const char* signature) const;
+
+    // The answer to call: its value, or a failure. False when it could not be
+    // written (or the client has gone).
+    bool sendResult(const SocketCall& call, const SocketArgument& value);
+    bool sendFailedReturnValue(SocketConnection* connection, quint16 queryId);
+
+    // How long a call with return may take to arrive completely; 5000 ms.
+    void setInvokeTimeoutInterval(int ms) { invokeTimeoutInterval = ms; }
+
+public slots:
+    // The socket's path is socketDir + "/" + getModuleName(); a file there is
+    // replaced.
+    virtual bool startLocalServer(const QString& socketDir);
+    // port 0 lets the system choose; the port bound is written to the port file.
+    virtual bool startTcpServer(const QString& socketDir, quint16 port);
+    // The service name under which clients find this object.
+    virtual QString getModuleName() = 0;
+
+signals:
+    void clientConnected(QString clientName);
+    void clientDisconnected(QString clientName);
+
+private slots:
+    void onNewConnection();
+    void onReadyRead();
+    void onDisconnected();
+    void onInvokeTimeout();
+    void onPendingCallTimer();
+
+private:
+    void read(SocketConnection* connection);
+    void invokeLater(SocketConnection* connection, bool urgent);
+    void invoke(const SocketCall& call);
+    void listenOn(SocketServer* listener);
+
+    void callReceived(SocketConnection* connection, bool urgent) override;
+    void subscriptionReceived(SocketConnection* connection, const QByteArray& signature) override;
+
+    SocketServer* server = nullptr;
+    SocketConnection::SocketType socketType = SocketConnection::LocalSocketType;
+    QMap<Socket*, SocketConnection*> connections;
+    QHash<SocketConnection*, QSet<QByteArray>> subscriptions;
+    QList<SocketCall> normalQueue;
+    QList<SocketCall> priorityQueue;
+    QTimer pendingCallTimer;
+    int invokeTimeoutInterval = SocketConnection::DefaultInvokeTimeoutMs;
+};
+
+// A SocketAdaptor that tells the diagnosis service every two minutes, and
+// after every run stage, that it is alive and which stage it is in.
+class SocketAdaptorWithPing : public SocketAdaptor
+{
+    Q_OBJECT
+
+public:
+    explicit SocketAdaptorWithPing(QObject* parent = nullptr, int heartbeatInterval = 120000);
+    ~SocketAdaptorWithPing() override;
+
+    // Connects to "com.zan.ravo.diagnosis"; on failure tries again with the next heartbeat.
+    void connectToDiagnosis(SocketConnection::SocketType type, const QString& socketDir);
+    // "ping" with the module name and the run stage; nothing without a connection.
+    void sendHeartbeat();
+
+    int getRunStage() const { return runStage; }
+
+protected:
+    // The stage last received from the supervisor; 255 before the first.
+    int runStage = 255;
+
+private slots:
+    void onHeartbeatTimeout();
+
+private:
+    std::unique_ptr<SocketInterface> diagnosis;
+    QTimer heartbeatTimer;
+};
+
+#endif // SOCKETADAPTOR_H
