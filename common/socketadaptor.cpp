@@ -117,7 +117,9 @@ void SocketAdaptor::read(SocketConnection* connection)
 
 void SocketAdaptor::subscriptionReceived(SocketConnection* connection, const QByteArray& signature)
 {
-    subscriptions[connection].insert(QMetaObject::normalizedSignature(signature.constData()));
+    const QByteArray normalized = QMetaObject::normalizedSignature(signature.constData());
+    subscriptions[connection].insert(normalized);
+    emit signalSubscribed(normalized);
 }
 
 void SocketAdaptor::callReceived(SocketConnection* connection, bool urgent)

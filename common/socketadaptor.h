@@ -84,6 +84,8 @@ public slots:
 signals:
     void clientConnected(QString clientName);
     void clientDisconnected(QString clientName);
+    // A client asked for a signal: a service can answer with its current state.
+    void signalSubscribed(QByteArray signature);
 
 private slots:
     void onNewConnection();
