@@ -25,16 +25,18 @@ NetworkNamespaces::~NetworkNamespaces()
         ::close(original);
 }
 
-bool NetworkNamespaces::ip(const QStringList& arguments)
+bool NetworkNamespaces::ip(const QStringList& arguments, QByteArray* output)
 {
     QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(QStringLiteral("ip"), arguments);
-    if (!process.waitForFinished(10000) || process.exitStatus() != QProcess::NormalExit
+    if (!process.waitForFinished(30000) || process.exitStatus() != QProcess::NormalExit
         || process.exitCode() != 0) {
-        error = QStringLiteral("ip %1: %2").arg(arguments.join(' '), QString::fromLocal8Bit(process.readAll()));
+        error = QStringLiteral("ip %1: %2").arg(arguments.join(' '),
+                                                QString::fromLocal8Bit(process.readAllStandardError()));
         return false;
     }
+    if (output)
+        *output = process.readAllStandardOutput();
     return true;
 }
 
@@ -69,16 +71,7 @@ bool NetworkNamespaces::addAddress(const QString& name, const QString& interface
 
 bool NetworkNamespaces::run(const QString& name, const QStringList& command, QByteArray* output)
 {
-    QProcess process;
-    process.start(QStringLiteral("ip"), QStringList{"netns", "exec", fullName(name)} + command);
-    if (!process.waitForFinished(30000) || process.exitStatus() != QProcess::NormalExit
-        || process.exitCode() != 0) {
-        error = QStringLiteral("%1: %2").arg(command.join(' '), QString::fromLocal8Bit(process.readAllStandardError()));
-        return false;
-    }
-    if (output)
-        *output = process.readAllStandardOutput();
-    return true;
+    return ip(QStringList{"netns", "exec", fullName(name)} + command, output);
 }
 
 bool NetworkNamespaces::enter(const QString& name)

@@ -38,7 +38,7 @@ public:
     QString errorString() const { return error; }
 
 private:
-    bool ip(const QStringList& arguments);
+    bool ip(const QStringList& arguments, QByteArray* output = nullptr);
 
     QString prefix;
     QStringList created;

@@ -36,6 +36,8 @@ public:
     }
 
     bool isValid() const { return listening; }
+    // The port that searches leave from and answers come back to.
+    quint16 searchPort() const { return searchSocket.localPort(); }
 
     // Sends a search datagram to the group (or any text, for bad input).
     void send(const QByteArray& text)

@@ -5,6 +5,7 @@
 #include <QTemporaryFile>
 
 #include <cstdio>
+#include <functional>
 #include <unistd.h>
 
 // Redirects this process's standard output into a file while it lives (or
@@ -43,5 +44,13 @@ private:
     QTemporaryFile file;
     int saved = -1;
 };
+
+// What work writes to standard output.
+inline QByteArray captureStdout(const std::function<void()>& work)
+{
+    StdoutCapture capture;
+    work();
+    return capture.take();
+}
 
 #endif // STDOUTCAPTURE_H

@@ -4,7 +4,6 @@
 #include "logginginterface.h"
 #include "stdoutcapture.h"
 
-#include <QMetaEnum>
 #include <QtEndian>
 #include <QtTest>
 
@@ -16,14 +15,6 @@ const quint32 HigherAddress = 0x0A4D0014;
 const quint32 Group = 0xEFFFFFFA;       // 239.255.255.250
 const quint32 AllHosts = 0xE0000001;
 const quint32 AllRouters = 0xE0000002;
-
-QByteArray bytes(std::initializer_list<int> values)
-{
-    QByteArray result;
-    for (int value : values)
-        result.append(char(value));
-    return result;
-}
 
 // An IGMP message of the given type with the group in network order, as hosts send it.
 QByteArray hostMessage(quint8 type, quint32 group)
@@ -80,10 +71,7 @@ public:
         receive(OwnAddress + 5, group, hostMessage(type, group));
     }
     void leave(quint32 group) { receive(OwnAddress + 5, AllRouters, hostMessage(IGMPQuerier::LeaveGroup, group)); }
-    IGMPQuerier::GroupState state(quint32 group) const
-    {
-        return querier->groups().value(group).state;
-    }
+    IGMPQuerier::GroupState state(quint32 group) const { return querier->groups().value(group).state; }
 
     QElapsedTimer clock;
     QList<Sent> sent;
@@ -98,7 +86,6 @@ class tst_IGMPQuerier : public QObject
 
 private slots:
     void initTestCase();
-    void messagesCarryTheGoldenBytes_data();
     void messagesCarryTheGoldenBytes();
     void checksumCoversOddShortAndCarryingMessages_data();
     void checksumCoversOddShortAndCarryingMessages();
@@ -118,30 +105,26 @@ void tst_IGMPQuerier::initTestCase()
     std::srand(7);
 }
 
-void tst_IGMPQuerier::messagesCarryTheGoldenBytes_data()
-{
-    QTest::addColumn<QByteArray>("message");
-    QTest::addColumn<QByteArray>("expected");
-    QTest::newRow("general query")
-        << IGMPQuerier::buildIGMPMessage(IGMPQuerier::MembershipQuery, 0, 10)
-        << bytes({0x11, 0x64, 0xEE, 0x9B, 0, 0, 0, 0});
-    // The group field stays in host byte order: peers have always received it so.
-    QTest::newRow("group query for 239.1.2.3")
-        << IGMPQuerier::buildIGMPMessage(IGMPQuerier::MembershipQuery, 0xEF010203, 0)
-        << bytes({0x11, 0x00, 0xEA, 0x0E, 3, 2, 1, 239});
-    QTest::newRow("response time kept to 8 bits")
-        << IGMPQuerier::buildIGMPMessage(IGMPQuerier::MembershipQuery, 0, 26)
-        << bytes({0x11, 0x04, 0xEE, 0xFB, 0, 0, 0, 0});
-}
-
 void tst_IGMPQuerier::messagesCarryTheGoldenBytes()
 {
     if (QSysInfo::ByteOrder != QSysInfo::LittleEndian)
         QSKIP("the group bytes are those of a little-endian machine");
-    QFETCH(QByteArray, message);
-    QFETCH(QByteArray, expected);
-    QCOMPARE(message.toHex(' '), expected.toHex(' '));
-    QVERIFY(IGMPQuerier::validateIGMPChecksum(message));
+    const struct
+    {
+        quint32 group;
+        quint8 maxResponse;
+        const char* bytes;
+    } queries[] = {
+        {0, 10, "11 64 ee 9b 00 00 00 00"},          // general query
+        {0xEF010203, 0, "11 00 ea 0e 03 02 01 ef"}, // 239.1.2.3 stays in host byte order, as peers know it
+        {0, 26, "11 04 ee fb 00 00 00 00"},          // response time kept to 8 bits
+    };
+    for (const auto& query : queries) {
+        const QByteArray message = IGMPQuerier::buildIGMPMessage(IGMPQuerier::MembershipQuery, query.group,
+                                                                 query.maxResponse);
+        QCOMPARE(message.toHex(' '), QByteArray(query.bytes));
+        QVERIFY(IGMPQuerier::validateIGMPChecksum(message));
+    }
 }
 
 void tst_IGMPQuerier::checksumCoversOddShortAndCarryingMessages_data()
@@ -149,11 +132,11 @@ void tst_IGMPQuerier::checksumCoversOddShortAndCarryingMessages_data()
     QTest::addColumn<QByteArray>("message");
     QTest::addColumn<int>("checksum");
     QTest::newRow("empty") << QByteArray() << 0xFFFF;
-    QTest::newRow("one byte") << bytes({0x12}) << 0xEDFF;
-    QTest::newRow("odd length, padded for the sum") << bytes({0x01, 0x02, 0x03}) << 0xFEFD;
-    QTest::newRow("stored checksum ignored") << bytes({0x11, 0x64, 0x12, 0x34, 0, 0, 0, 0}) << 0xEE9B;
-    QTest::newRow("carries folded") << bytes({0xFF, 0xFF, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}) << 0x0000;
-    QTest::newRow("odd length report") << bytes({0x16, 0, 0, 0, 239, 255, 255, 250, 7}) << 0xF304;
+    QTest::newRow("one byte") << QByteArray::fromHex("12") << 0xEDFF;
+    QTest::newRow("odd length, padded for the sum") << QByteArray::fromHex("010203") << 0xFEFD;
+    QTest::newRow("stored checksum ignored") << QByteArray::fromHex("11641234 00000000") << 0xEE9B;
+    QTest::newRow("carries folded") << QByteArray::fromHex("ffff0000 ffffffff") << 0x0000;
+    QTest::newRow("odd length report") << QByteArray::fromHex("16000000 effffffa 07") << 0xF304;
 }
 
 void tst_IGMPQuerier::checksumCoversOddShortAndCarryingMessages()
@@ -161,15 +144,14 @@ void tst_IGMPQuerier::checksumCoversOddShortAndCarryingMessages()
     QFETCH(QByteArray, message);
     QFETCH(int, checksum);
     QCOMPARE(int(IGMPQuerier::calculateIGMPChecksum(message)), checksum);
-    if (message.size() >= 4) {
-        QByteArray stamped = message;
-        qToBigEndian(quint16(checksum), stamped.data() + 2);
-        QVERIFY(IGMPQuerier::validateIGMPChecksum(stamped));
-        stamped[0] = char(stamped.at(0) ^ 0x40);
-        QVERIFY(!IGMPQuerier::validateIGMPChecksum(stamped));
-    } else {
+    if (message.size() < 4) {
         QVERIFY(!IGMPQuerier::validateIGMPChecksum(message));
+        return;
     }
+    qToBigEndian(quint16(checksum), message.data() + 2);
+    QVERIFY(IGMPQuerier::validateIGMPChecksum(message));
+    message[0] = char(message.at(0) ^ 0x40);
+    QVERIFY(!IGMPQuerier::validateIGMPChecksum(message));
 }
 
 void tst_IGMPQuerier::malformedPacketsAreDroppedSilently_data()
@@ -189,18 +171,20 @@ void tst_IGMPQuerier::malformedPacketsAreDroppedSilently_data()
     QByteArray longHeader = valid;
     longHeader[0] = char(0x4F); // claims 60 bytes, has 28
     QTest::newRow("header nibble 15, packet shorter") << longHeader << false;
-    QByteArray tinyHeader = valid;
-    tinyHeader[0] = char(0x41);
-    QTest::newRow("header nibble 1") << tinyHeader << false;
+    // Read behind a 4-byte header, these bytes would make a valid report.
+    QByteArray tail = hostMessage(IGMPQuerier::Version2MembershipReport, Group) + QByteArray(8, '\0');
+    qToBigEndian(OwnAddress + 1, tail.data() + 8);
+    qToBigEndian(Group, tail.data() + 12);
+    qToBigEndian(IGMPQuerier::calculateIGMPChecksum(tail), tail.data() + 2);
+    QTest::newRow("header nibble 1") << QByteArray::fromHex("41000000") + tail << false;
     QTest::newRow("shorter than an IPv4 header") << valid.left(19) << false;
-    QTest::newRow("empty") << QByteArray() << false;
-    QTest::newRow("message of 7 bytes") << valid.left(27) << false;
-    QTest::newRow("message of 2 bytes") << valid.left(22) << false;
+    QByteArray seven = report.left(7);
+    qToBigEndian(IGMPQuerier::calculateIGMPChecksum(seven), seven.data() + 2);
+    QTest::newRow("message of 7 bytes, checksum right") << ipv4Packet(OwnAddress + 1, Group, seven) << false;
     QByteArray badChecksum = valid;
     badChecksum[23] = char(badChecksum.at(23) ^ 1);
     QTest::newRow("bad checksum") << badChecksum << false;
     QTest::newRow("foreign subnet") << ipv4Packet(0x0A4E0001, Group, report) << false;
-    QTest::newRow("version 3 report") << ipv4Packet(OwnAddress + 1, Group, hostMessage(0x22, Group)) << false;
     QTest::newRow("unknown type") << ipv4Packet(OwnAddress + 1, Group, hostMessage(0x99, Group)) << false;
 }
 
@@ -265,9 +249,6 @@ void tst_IGMPQuerier::reportsAndLeavesDriveTheGroupStates()
     recorder.leave(0xEF000099); // a group nobody reported
     QVERIFY(!recorder.querier->groups().contains(0xEF000099));
     QCOMPARE(recorder.sent.size(), 2);
-
-    QCOMPARE(QMetaEnum::fromType<IGMPQuerier::GroupState>().valueToKey(IGMPQuerier::CheckingMembership),
-             "CheckingMembership");
 }
 
 void tst_IGMPQuerier::leftGroupIsQueriedTwiceThenRemoved()
@@ -310,11 +291,6 @@ void tst_IGMPQuerier::groupsLapseWithoutReports()
     QTRY_VERIFY_WITH_TIMEOUT(recorder.querier->groups().isEmpty(), 2000);
     QVERIFY(recorder.clock.elapsed() >= 400);
     QCOMPARE(recorder.sent.size(), 1);
-
-    QElapsedTimer clock;
-    clock.start();
-    QVERIFY(IGMPQuerier::remainingTime(clock, 60000) > 59000);
-    QCOMPARE(IGMPQuerier::remainingTime(clock, 0), 0);
 }
 
 void tst_IGMPQuerier::lowerQuerierSilencesUsUntilItGoesQuiet()

@@ -1,5 +1,6 @@
 // The device found by a real control point: GSSDP, GNOME's SSDP library, in a
 // second network namespace, over IPv4 and over IPv6 link-local.
+#include "interfaceaddress.h"
 #include "logginginterface.h"
 #include "netns.h"
 #include "upnpcoordinator.h"
@@ -71,10 +72,7 @@ void tst_SsdpControlPoint::controlPointFindsTheDevice()
     UpnpCoordinator coordinator(Udn, "http://%1:80/quarn.upnp", false, nullptr, timings);
     coordinator.addDeviceType(DeviceType);
     coordinator.addInterface("d0");
-    QString linkLocal;
-    for (const QNetworkAddressEntry& entry : QNetworkInterface::interfaceFromName("d0").addressEntries())
-        if (entry.ip().isLinkLocal() && entry.ip().protocol() == QAbstractSocket::IPv6Protocol)
-            linkLocal = entry.ip().toString().section('%', 0, 0);
+    const QString linkLocal = linkLocalAddress("d0");
     QVERIFY(!linkLocal.isEmpty());
     // Endpoints for the IPv4 and the link-local address after the second rescan.
     auto endpoints = [&coordinator] {

@@ -14,7 +14,6 @@ private slots:
     void searchReplyNamesItsOwnTarget();
     void parserAcceptsAndDrops_data();
     void parserAcceptsAndDrops();
-    void responseSpanFollowsMx_data();
     void responseSpanFollowsMx();
 };
 
@@ -104,71 +103,51 @@ void tst_SsdpMessage::parserAcceptsAndDrops_data()
     QTest::addColumn<int>("kind");
     QTest::addColumn<QByteArray>("stKey");
     QTest::addColumn<QByteArray>("stValue");
-
+    auto accept = [](const char* name, const QByteArray& datagram, Message::Kind kind, const QByteArray& key,
+                     const QByteArray& value) { QTest::newRow(name) << datagram << int(kind) << key << value; };
+    auto drop = [](const char* name, const QByteArray& datagram) {
+        QTest::newRow(name) << datagram << int(Message::Invalid) << QByteArray() << QByteArray();
+    };
     const QByteArray headers = "HOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nMX: 2\r\nST: ssdp:all\r\n";
-    QTest::newRow("search") << "M-SEARCH * HTTP/1.1\r\n" + headers + "\r\n" << int(Message::Search)
-                            << QByteArray("st") << QByteArray("ssdp:all");
-    QTest::newRow("search, start line in mixed case") << "m-search * HTTP/1.1\r\n" + headers + "\r\n"
-                                                      << int(Message::Search) << QByteArray("st")
-                                                      << QByteArray("ssdp:all");
-    QTest::newRow("notify of another device")
-        << QByteArray("NOTIFY * HTTP/1.1\r\nNT: upnp:rootdevice\r\nNTS: ssdp:alive\r\n\r\n") << int(Message::Notify)
-        << QByteArray("nt") << QByteArray("upnp:rootdevice");
-    QTest::newRow("response") << QByteArray("HTTP/1.1 200 OK\r\nST: upnp:rootdevice\r\n\r\n") << int(Message::Response)
-                              << QByteArray("st") << QByteArray("upnp:rootdevice");
-    QTest::newRow("keys in lower case, values keep case and lose blanks")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\nSt: \t Urn:X:1 \t\r\n\r\n") << int(Message::Search) << QByteArray("st")
-        << QByteArray("Urn:X:1");
-    QTest::newRow("value without blank after the colon")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\nST:ssdp:all\r\n\r\n") << int(Message::Search) << QByteArray("st")
-        << QByteArray("ssdp:all");
-    QTest::newRow("key with a leading blank is kept as it is")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\n ST: ssdp:all\r\n\r\n") << int(Message::Search) << QByteArray(" st")
-        << QByteArray("ssdp:all");
-    QTest::newRow("repeated key keeps the last value")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\nST: a\r\nst: b\r\n\r\n") << int(Message::Search) << QByteArray("st")
-        << QByteArray("b");
-    QTest::newRow("headers end with the datagram, no empty line")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\nST: ssdp:all\r\n") << int(Message::Search) << QByteArray("st")
-        << QByteArray("ssdp:all");
-    QTest::newRow("body after the empty line is not a header")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\nST: a\r\n\r\nST: b\r\n") << int(Message::Search) << QByteArray("st")
-        << QByteArray("a");
-    QTest::newRow("start line only") << QByteArray("M-SEARCH * HTTP/1.1\r\n") << int(Message::Search) << QByteArray()
-                                     << QByteArray();
+    const QByteArray search = "M-SEARCH * HTTP/1.1\r\n";
 
-    QTest::newRow("no line break at all") << QByteArray("M-SEARCH * HTTP/1.1") << int(Message::Invalid)
-                                          << QByteArray() << QByteArray();
-    QTest::newRow("last header line not closed")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\nST: ssdp:all") << int(Message::Invalid) << QByteArray() << QByteArray();
-    QTest::newRow("two blanks before the star") << "M-SEARCH  * HTTP/1.1\r\n" + headers + "\r\n"
-                                                << int(Message::Invalid) << QByteArray() << QByteArray();
-    QTest::newRow("text after the version") << "M-SEARCH * HTTP/1.1 \r\n" + headers + "\r\n"
-                                            << int(Message::Invalid) << QByteArray() << QByteArray();
-    QTest::newRow("other method") << "GET / HTTP/1.1\r\n" + headers + "\r\n" << int(Message::Invalid)
-                                  << QByteArray() << QByteArray();
-    QTest::newRow("other status") << QByteArray("HTTP/1.1 404 Not Found\r\n\r\n") << int(Message::Invalid)
-                                  << QByteArray() << QByteArray();
-    QTest::newRow("header without colon") << QByteArray("M-SEARCH * HTTP/1.1\r\nMX 1\r\nST: ssdp:all\r\n\r\n")
-                                          << int(Message::Invalid) << QByteArray() << QByteArray();
-    QTest::newRow("colon first") << QByteArray("M-SEARCH * HTTP/1.1\r\n: ssdp:all\r\n\r\n") << int(Message::Invalid)
-                                 << QByteArray() << QByteArray();
-    QTest::newRow("blank before the colon") << QByteArray("M-SEARCH * HTTP/1.1\r\nST : ssdp:all\r\n\r\n")
-                                            << int(Message::Invalid) << QByteArray() << QByteArray();
-    QTest::newRow("tab before the colon") << QByteArray("M-SEARCH * HTTP/1.1\r\nST\t: ssdp:all\r\n\r\n")
-                                          << int(Message::Invalid) << QByteArray() << QByteArray();
-    QTest::newRow("colon only on the next line")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\nST\r\nMX: 1\r\n\r\n") << int(Message::Invalid) << QByteArray()
-        << QByteArray();
-    QTest::newRow("empty") << QByteArray() << int(Message::Invalid) << QByteArray() << QByteArray();
-    QTest::newRow("binary garbage") << QByteArray("\x00\xff\r\n\x01:\x02\r\n", 8) << int(Message::Invalid)
-                                    << QByteArray() << QByteArray();
-
-    QByteArray huge = "M-SEARCH * HTTP/1.1\r\n";
+    accept("search", search + headers + "\r\n", Message::Search, "st", "ssdp:all");
+    accept("search, start line in mixed case", "m-search * HTTP/1.1\r\n" + headers + "\r\n", Message::Search, "st",
+           "ssdp:all");
+    accept("notify of another device", "NOTIFY * HTTP/1.1\r\nNT: upnp:rootdevice\r\nNTS: ssdp:alive\r\n\r\n",
+           Message::Notify, "nt", "upnp:rootdevice");
+    accept("response", "HTTP/1.1 200 OK\r\nST: upnp:rootdevice\r\n\r\n", Message::Response, "st",
+           "upnp:rootdevice");
+    accept("keys in lower case, values keep case and lose blanks", search + "St: \t Urn:X:1 \t\r\n\r\n",
+           Message::Search, "st", "Urn:X:1");
+    accept("value without blank after the colon", search + "ST:ssdp:all\r\n\r\n", Message::Search, "st",
+           "ssdp:all");
+    accept("key with a leading blank is kept as it is", search + " ST: ssdp:all\r\n\r\n", Message::Search, " st",
+           "ssdp:all");
+    accept("repeated key keeps the last value", search + "ST: a\r\nst: b\r\n\r\n", Message::Search, "st", "b");
+    accept("headers end with the datagram, no empty line", search + "ST: ssdp:all\r\n", Message::Search, "st",
+           "ssdp:all");
+    accept("body after the empty line is not a header", search + "ST: a\r\n\r\nST: b\r\n", Message::Search, "st",
+           "a");
+    accept("start line only", search, Message::Search, QByteArray(), QByteArray());
+    QByteArray huge = search;
     for (int i = 0; i < 4000; ++i)
         huge += "X-" + QByteArray::number(i) + ": " + QByteArray(8, 'v') + "\r\n";
-    huge += "ST: ssdp:all\r\n\r\n";
-    QTest::newRow("60 KiB of headers") << huge << int(Message::Search) << QByteArray("st") << QByteArray("ssdp:all");
+    accept("60 KiB of headers", huge + "ST: ssdp:all\r\n\r\n", Message::Search, "st", "ssdp:all");
+
+    drop("no line break at all", "M-SEARCH * HTTP/1.1");
+    drop("last header line not closed", search + "ST: ssdp:all");
+    drop("two blanks before the star", "M-SEARCH  * HTTP/1.1\r\n" + headers + "\r\n");
+    drop("text after the version", "M-SEARCH * HTTP/1.1 \r\n" + headers + "\r\n");
+    drop("other method", "GET / HTTP/1.1\r\n" + headers + "\r\n");
+    drop("other status", "HTTP/1.1 404 Not Found\r\n\r\n");
+    drop("header without colon", search + "MX 1\r\nST: ssdp:all\r\n\r\n");
+    drop("colon first", search + ": ssdp:all\r\n\r\n");
+    drop("blank before the colon", search + "ST : ssdp:all\r\n\r\n");
+    drop("tab before the colon", search + "ST\t: ssdp:all\r\n\r\n");
+    drop("colon only on the next line", search + "ST\r\nMX: 1\r\n\r\n");
+    drop("empty", QByteArray());
+    drop("binary garbage", QByteArray("\x00\xff\r\n\x01:\x02\r\n", 8));
 }
 
 void tst_SsdpMessage::parserAcceptsAndDrops()
@@ -186,26 +165,17 @@ void tst_SsdpMessage::parserAcceptsAndDrops()
         QCOMPARE(message.headers.value(stKey), stValue);
 }
 
-void tst_SsdpMessage::responseSpanFollowsMx_data()
-{
-    QTest::addColumn<QByteArray>("mx");
-    QTest::addColumn<uint>("span");
-    QTest::newRow("1") << QByteArray("1") << 1000u;
-    QTest::newRow("5") << QByteArray("5") << 5000u;
-    QTest::newRow("120 is held to 5") << QByteArray("120") << 5000u;
-    QTest::newRow("0") << QByteArray("0") << 0u;
-    QTest::newRow("empty") << QByteArray() << 3000u;
-    QTest::newRow("negative") << QByteArray("-1") << 3000u;
-    QTest::newRow("letters") << QByteArray("two") << 3000u;
-    QTest::newRow("trailing letters") << QByteArray("2s") << 3000u;
-    QTest::newRow("beyond 32 bits") << QByteArray("99999999999") << 3000u;
-}
-
 void tst_SsdpMessage::responseSpanFollowsMx()
 {
-    QFETCH(QByteArray, mx);
-    QFETCH(uint, span);
-    QCOMPARE(Ssdp::responseSpan(mx), span);
+    // min(MX, 5) seconds; 3 s when MX is not a number.
+    const struct
+    {
+        const char* mx;
+        uint span;
+    } rows[] = {{"1", 1000}, {"5", 5000}, {"120", 5000}, {"0", 0}, {"", 3000},
+                {"-1", 3000}, {"two", 3000}, {"2s", 3000}, {"99999999999", 3000}};
+    for (const auto& row : rows)
+        QVERIFY2(Ssdp::responseSpan(row.mx) == row.span, row.mx);
 }
 
 QTEST_GUILESS_MAIN(tst_SsdpMessage)

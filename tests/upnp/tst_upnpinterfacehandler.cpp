@@ -1,6 +1,7 @@
 // One SSDP endpoint on a veth link between two private network namespaces:
 // the device's ("d") and a control point's ("c").
 #include "igmpquerier.h"
+#include "interfaceaddress.h"
 #include "logginginterface.h"
 #include "netns.h"
 #include "ssdppeer.h"
@@ -21,14 +22,6 @@ const QByteArray TypeA = "urn:tessaline:device:Quarn:1";
 const QByteArray TypeB = "urn:tessaline:device:Helper:1";
 const QHostAddress Ipv4Group("239.255.255.250");
 
-QNetworkAddressEntry entryFor(const QNetworkInterface& interface, const QString& address)
-{
-    for (const QNetworkAddressEntry& entry : interface.addressEntries())
-        if (entry.ip().toString().section('%', 0, 0) == address)
-            return entry;
-    return QNetworkAddressEntry();
-}
-
 QList<QByteArray> headerValues(const QList<SsdpPeer::Received>& received, const QByteArray& name)
 {
     QList<QByteArray> values;
@@ -47,17 +40,13 @@ private slots:
     void initTestCase();
     void init();
     void cleanup();
-    void aliveBurstsGoOutTwiceAndRepeat();
-    void updateAndByeByeBursts();
+    void aliveUpdateAndByeByeBursts();
     void endpointGoneWithin100msSendsOnlyByeBye();
     void searchesAreAnsweredPerTarget_data();
     void searchesAreAnsweredPerTarget();
     void answersArriveWithinTheSearchersMx();
-    void answersDieWithTheEndpoint();
-    void searchesOnAnotherInterfaceAreLeftToItsEndpoint();
     void ipv6EndpointAnnouncesOnTheLinkLocalGroup();
     void joinFailuresAreLoggedOncePerWindow();
-    void igmpQuerierRunsOnIpv4Only();
 
 private:
     // An endpoint of the device for one of its addresses, made in its namespace.
@@ -111,8 +100,8 @@ UpnpInterfaceHandler* tst_UpnpInterfaceHandler::endpoint(const QString& interfac
     if (group.protocol() == QAbstractSocket::IPv6Protocol)
         scopedGroup.setScopeId(interface.name());
     const QByteArray location = "http://" + address.toLatin1() + ":80/quarn.upnp";
-    auto* handler = new UpnpInterfaceHandler(interface, entryFor(interface, address), scopedGroup, location,
-                                             coordinator.get());
+    auto* handler = new UpnpInterfaceHandler(interface, addressEntry(interfaceName, address), scopedGroup,
+                                             location, coordinator.get());
     namespaces->leave();
     return handler;
 }
@@ -126,11 +115,12 @@ std::unique_ptr<SsdpPeer> tst_UpnpInterfaceHandler::peer(const QString& interfac
     return result->isValid() ? std::move(result) : nullptr;
 }
 
-void tst_UpnpInterfaceHandler::aliveBurstsGoOutTwiceAndRepeat()
+void tst_UpnpInterfaceHandler::aliveUpdateAndByeByeBursts()
 {
     std::unique_ptr<SsdpPeer> controlPoint = peer("c0", Ipv4Group);
     QVERIFY(controlPoint);
-    QVERIFY(endpoint("d0", "10.78.0.2", Ipv4Group));
+    UpnpInterfaceHandler* handler = endpoint("d0", "10.78.0.2", Ipv4Group);
+    QVERIFY(handler);
 
     QTRY_COMPARE_WITH_TIMEOUT(controlPoint->notifiesWith("ssdp:alive").size(), 8, 2000);
     const QList<SsdpPeer::Received> alive = controlPoint->notifiesWith("ssdp:alive");
@@ -159,26 +149,17 @@ void tst_UpnpInterfaceHandler::aliveBurstsGoOutTwiceAndRepeat()
     QTRY_COMPARE_WITH_TIMEOUT(controlPoint->notifiesWith("ssdp:alive").size(), 16, 2000);
     const qint64 repeat = controlPoint->notifiesWith("ssdp:alive").at(8).at - alive.at(0).at;
     QVERIFY2(repeat >= 380 && repeat < 900, qPrintable(QString::number(repeat)));
-}
 
-void tst_UpnpInterfaceHandler::updateAndByeByeBursts()
-{
-    std::unique_ptr<SsdpPeer> controlPoint = peer("c0", Ipv4Group);
-    QVERIFY(controlPoint);
-    UpnpInterfaceHandler* handler = endpoint("d0", "10.78.0.2", Ipv4Group);
-    QVERIFY(handler);
-
+    // An update burst goes out twice too; a byebye twice back to back.
     coordinator->setConfigId(77);
     handler->sendUpdate();
     QTRY_COMPARE_WITH_TIMEOUT(controlPoint->notifiesWith("ssdp:update").size(), 8, 2000);
-    QTest::qWait(300);
-    QCOMPARE(controlPoint->notifiesWith("ssdp:update").size(), 8);
-    QVERIFY(headerValues(controlPoint->notifiesWith("ssdp:update"), "CONFIGID.UPNP.ORG").count("77") == 8);
-
     handler->sendByeBye();
     QTRY_COMPARE_WITH_TIMEOUT(controlPoint->notifiesWith("ssdp:byebye").size(), 8, 2000);
+    QTest::qWait(300);
+    QCOMPARE(headerValues(controlPoint->notifiesWith("ssdp:update"), "CONFIGID.UPNP.ORG").count("77"), 8);
     const QList<SsdpPeer::Received> byebye = controlPoint->notifiesWith("ssdp:byebye");
-    // Back to back: no pause between the two copies.
+    QCOMPARE(byebye.size(), 8);
     QVERIFY(byebye.last().at - byebye.first().at < 40);
     QCOMPARE(headerValues(byebye, "NT").mid(0, 4), headerValues(byebye, "NT").mid(4, 4));
     QCOMPARE(ssdpHeader(byebye.first().datagram.data(), "LOCATION"), QByteArray("http://10.78.0.2:80/quarn.upnp"));
@@ -191,12 +172,18 @@ void tst_UpnpInterfaceHandler::endpointGoneWithin100msSendsOnlyByeBye()
     UpnpInterfaceHandler* handler = endpoint("d0", "10.78.0.2", Ipv4Group);
     QVERIFY(handler);
     QTest::qWait(50);
+    // A search it has scheduled answers for: they die with the endpoint.
+    QNetworkDatagram search("", Ipv4Group, 1900);
+    search.setSender(QHostAddress("10.78.0.3"), controlPoint->searchPort());
+    search.setInterfaceIndex(uint(handler->networkInterface().index()));
+    handler->handleMSearch(search, {{"man", "\"ssdp:discover\""}, {"mx", "1"}, {"st", "ssdp:all"}});
     handler->sendByeBye();
-    handler->deleteLater();
+    delete handler;
 
     QTRY_COMPARE_WITH_TIMEOUT(controlPoint->notifiesWith("ssdp:byebye").size(), 8, 2000);
-    QTest::qWait(400);
+    QTest::qWait(1200);
     QCOMPARE(controlPoint->notifiesWith().size(), 8);
+    QCOMPARE(controlPoint->answers.size(), 0);
 }
 
 void tst_UpnpInterfaceHandler::searchesAreAnsweredPerTarget_data()
@@ -209,34 +196,26 @@ void tst_UpnpInterfaceHandler::searchesAreAnsweredPerTarget_data()
                + "\r\n" + extra + "\r\n";
     };
     const QByteArray u = "uuid:" + Udn;
-    QTest::newRow("ssdp:all: every target with its own ST")
-        << search("ssdp:all") << QList<QByteArray>{TypeB, TypeA, "upnp:rootdevice", u};
+    const QList<QByteArray> all{TypeB, TypeA, "upnp:rootdevice", u};
+    QTest::newRow("ssdp:all: every target with its own ST") << search("ssdp:all") << all;
     QTest::newRow("root device") << search("upnp:rootdevice") << QList<QByteArray>{"upnp:rootdevice"};
     QTest::newRow("device UUID") << search(u) << QList<QByteArray>{u};
     QTest::newRow("device type") << search(TypeA) << QList<QByteArray>{TypeA};
-    QTest::newRow("lower case keys") << QByteArray("m-search * http/1.1\r\nman: \"ssdp:discover\"\r\nmx: 1\r\nst: "
-                                                   "upnp:rootdevice\r\n\r\n")
-                                     << QList<QByteArray>{"upnp:rootdevice"};
     QTest::newRow("UUID in other case") << search(u.toUpper()) << QList<QByteArray>();
     QTest::newRow("other version of the type") << search("urn:tessaline:device:Quarn:2") << QList<QByteArray>();
-    QTest::newRow("service type") << search("urn:schemas-upnp-org:service:ContentDirectory:1") << QList<QByteArray>();
     QTest::newRow("MAN without quotes")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\nMAN: ssdp:discover\r\nMX: 1\r\nST: ssdp:all\r\n\r\n") << QList<QByteArray>();
+        << QByteArray("M-SEARCH * HTTP/1.1\r\nMAN: ssdp:discover\r\nMX: 1\r\nST: ssdp:all\r\n\r\n")
+        << QList<QByteArray>();
     QTest::newRow("no MX") << QByteArray("M-SEARCH * HTTP/1.1\r\nMAN: \"ssdp:discover\"\r\nST: ssdp:all\r\n\r\n")
                            << QList<QByteArray>();
-    QTest::newRow("no ST") << QByteArray("M-SEARCH * HTTP/1.1\r\nMAN: \"ssdp:discover\"\r\nMX: 1\r\n\r\n")
-                           << QList<QByteArray>();
-    QTest::newRow("no MAN") << QByteArray("M-SEARCH * HTTP/1.1\r\nMX: 1\r\nST: ssdp:all\r\n\r\n") << QList<QByteArray>();
+    // One datagram the parser drops; its table carries the rules.
     QTest::newRow("blank before a colon") << QByteArray("M-SEARCH * HTTP/1.1\r\nMAN : \"ssdp:discover\"\r\nMX: 1\r\n"
                                                         "ST: ssdp:all\r\n\r\n")
                                           << QList<QByteArray>();
-    QTest::newRow("unterminated headers")
-        << QByteArray("M-SEARCH * HTTP/1.1\r\nMAN: \"ssdp:discover\"\r\nMX: 1\r\nST: ssdp:all") << QList<QByteArray>();
     QTest::newRow("a NOTIFY is no search")
         << QByteArray("NOTIFY * HTTP/1.1\r\nMAN: \"ssdp:discover\"\r\nMX: 1\r\nST: ssdp:all\r\n\r\n")
         << QList<QByteArray>();
-    QTest::newRow("huge datagram") << search("ssdp:all", "X-PAD: " + QByteArray(60000, 'p') + "\r\n")
-                                   << QList<QByteArray>{TypeB, TypeA, "upnp:rootdevice", u};
+    QTest::newRow("huge datagram") << search("ssdp:all", "X-PAD: " + QByteArray(60000, 'p') + "\r\n") << all;
 }
 
 void tst_UpnpInterfaceHandler::searchesAreAnsweredPerTarget()
@@ -246,8 +225,9 @@ void tst_UpnpInterfaceHandler::searchesAreAnsweredPerTarget()
     std::unique_ptr<SsdpPeer> controlPoint = peer("c0", Ipv4Group);
     QVERIFY(controlPoint);
     UpnpInterfaceHandler* handler = endpoint("d0", "10.78.0.2", Ipv4Group);
-    QVERIFY(handler);
-    QTest::qWait(50); // the endpoint has joined the group
+    // Shares the group's port: searches from d0's link are left to d0's endpoint.
+    QVERIFY(handler && endpoint("d1", "10.79.0.2", Ipv4Group));
+    QTest::qWait(50); // the endpoints have joined the group
 
     controlPoint->send(search);
     QTest::qWait(1300); // MX 1: every answer within a second
@@ -292,46 +272,11 @@ void tst_UpnpInterfaceHandler::answersArriveWithinTheSearchersMx()
     }
 }
 
-void tst_UpnpInterfaceHandler::answersDieWithTheEndpoint()
-{
-    std::unique_ptr<SsdpPeer> controlPoint = peer("c0", Ipv4Group);
-    QVERIFY(controlPoint);
-    UpnpInterfaceHandler* handler = endpoint("d0", "10.78.0.2", Ipv4Group);
-    QVERIFY(handler);
-    QNetworkDatagram search("", Ipv4Group, 1900);
-    search.setSender(QHostAddress("10.78.0.3"), 40000);
-    search.setInterfaceIndex(uint(handler->networkInterface().index()));
-    handler->handleMSearch(search, {{"man", "\"ssdp:discover\""}, {"mx", "5"}, {"st", "ssdp:all"}});
-    delete handler;
-    QTest::qWait(5500);
-    QCOMPARE(controlPoint->answers.size(), 0);
-}
-
-void tst_UpnpInterfaceHandler::searchesOnAnotherInterfaceAreLeftToItsEndpoint()
-{
-    std::unique_ptr<SsdpPeer> onD0 = peer("c0", Ipv4Group);
-    std::unique_ptr<SsdpPeer> onD1 = peer("c1", Ipv4Group);
-    QVERIFY(onD0 && onD1);
-    QVERIFY(endpoint("d0", "10.78.0.2", Ipv4Group));
-    QVERIFY(endpoint("d1", "10.79.0.2", Ipv4Group));
-    QTest::qWait(50);
-
-    onD1->search("upnp:rootdevice", "1");
-    QTest::qWait(1300);
-    // Both endpoints share the group's port; only d1's answers, with its own location.
-    QCOMPARE(headerValues(onD1->answers, "LOCATION"), QList<QByteArray>{"http://10.79.0.2:80/quarn.upnp"});
-    QCOMPARE(onD0->answers.size(), 0);
-}
-
 void tst_UpnpInterfaceHandler::ipv6EndpointAnnouncesOnTheLinkLocalGroup()
 {
     QVERIFY(namespaces->enter(Device));
-    QString linkLocal;
-    for (const QNetworkAddressEntry& entry : QNetworkInterface::interfaceFromName("d0").addressEntries())
-        if (entry.ip().isLinkLocal() && entry.ip().protocol() == QAbstractSocket::IPv6Protocol)
-            linkLocal = entry.ip().toString().section('%', 0, 0);
-    QVERIFY(namespaces->leave());
-    QVERIFY(!linkLocal.isEmpty());
+    const QString linkLocal = linkLocalAddress("d0");
+    QVERIFY(namespaces->leave() && !linkLocal.isEmpty());
 
     const QHostAddress group("ff02::c");
     std::unique_ptr<SsdpPeer> controlPoint = peer("c0", group);
@@ -375,33 +320,19 @@ void tst_UpnpInterfaceHandler::joinFailuresAreLoggedOncePerWindow()
             joinLines << line.mid(line.indexOf(" d0 ") + 1);
     // Failures every 40 ms for 1.2 s: an error line at the start and one per
     // 500 ms window after it, each later one followed by the number it hid.
-    QCOMPARE(joinLines.size(), 6);
-    const QRegularExpression error("^d0 failed to join multicast group 239.255.255.250 : 105 No buffer space available $");
-    const QRegularExpression suppressed("^d0 \\(previous message suppressed ([0-9]+) times\\) $");
-    const QRegularExpression joined("^d0 multicast group 239.255.255.250 joined successfully after suppressing ([0-9]+) errors $");
-    QVERIFY2(error.match(joinLines.at(0)).hasMatch(), joinLines.at(0));
-    QVERIFY2(error.match(joinLines.at(1)).hasMatch(), joinLines.at(1));
-    QVERIFY2(suppressed.match(joinLines.at(2)).hasMatch(), joinLines.at(2));
-    QVERIFY(suppressed.match(joinLines.at(2)).captured(1).toInt() >= 8);
-    QVERIFY2(error.match(joinLines.at(3)).hasMatch(), joinLines.at(3));
-    QVERIFY2(suppressed.match(joinLines.at(4)).hasMatch(), joinLines.at(4));
-    QVERIFY2(joined.match(joinLines.at(5)).hasMatch(), joinLines.at(5));
-    QVERIFY(joined.match(joinLines.at(5)).captured(1).toInt() >= 1);
-}
-
-void tst_UpnpInterfaceHandler::igmpQuerierRunsOnIpv4Only()
-{
-    UpnpInterfaceHandler* handler = endpoint("d0", "10.78.0.2", Ipv4Group);
-    QVERIFY(handler);
-    QVERIFY(namespaces->enter(Device)); // the querier's raw socket belongs to the device
-    handler->setEnableIGMPQuerier(true);
-    IGMPQuerier* querier = handler->igmpQuerier();
-    QVERIFY(querier);
-    handler->setEnableIGMPQuerier(true);
-    QCOMPARE(handler->igmpQuerier(), querier);
-    handler->setEnableIGMPQuerier(false);
-    QVERIFY(!handler->igmpQuerier());
-    QVERIFY(namespaces->leave());
+    const QString error = "^d0 failed to join multicast group 239.255.255.250 : 105 No buffer space available $";
+    const QString suppressed = "^d0 \\(previous message suppressed ([0-9]+) times\\) $";
+    const QStringList expected{
+        error, error, suppressed, error, suppressed,
+        "^d0 multicast group 239.255.255.250 joined successfully after suppressing ([0-9]+) errors $"};
+    QCOMPARE(joinLines.size(), expected.size());
+    for (int i = 0; i < expected.size(); ++i) {
+        const QRegularExpressionMatch match = QRegularExpression(expected.at(i)).match(joinLines.at(i));
+        QVERIFY2(match.hasMatch(), joinLines.at(i));
+        // Errors every 40 ms: at least 8 hidden in the first window.
+        QVERIFY(i != 2 || match.captured(1).toInt() >= 8);
+        QVERIFY(i != 5 || match.captured(1).toInt() >= 1);
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_UpnpInterfaceHandler)
