@@ -317,19 +317,20 @@ void SocketAdaptorWithPing::connectToDiagnosis(SocketConnection::SocketType type
 
 void SocketAdaptorWithPing::sendHeartbeat()
 {
+    // The module sends one after every run stage, long before the first timed
+    // heartbeat: the diagnosis service is looked for here, so that each stage
+    // reaches it at once. One that went (restarted by the supervisor) is
+    // found again.
+    if (!diagnosis || !diagnosis->isValid()) {
+        const DatabaseSettings settings = readDatabaseSettings();
+        connectToDiagnosis(settings.useTcp() ? SocketConnection::TcpSocketType : SocketConnection::LocalSocketType,
+                           settings.socketDir);
+    }
     if (diagnosis)
         diagnosis->call("ping", getModuleName(), runStage);
 }
 
 void SocketAdaptorWithPing::onHeartbeatTimeout()
 {
-    // A diagnosis service that went (restarted by the supervisor) is found again.
-    if (diagnosis && !diagnosis->isValid())
-        diagnosis.reset();
-    if (!diagnosis) {
-        const DatabaseSettings settings = readDatabaseSettings();
-        connectToDiagnosis(settings.useTcp() ? SocketConnection::TcpSocketType : SocketConnection::LocalSocketType,
-                           settings.socketDir);
-    }
     sendHeartbeat();
 }

@@ -125,7 +125,8 @@ public:
 
     // Connects to "com.zan.ravo.diagnosis"; on failure tries again with the next heartbeat.
     void connectToDiagnosis(SocketConnection::SocketType type, const QString& socketDir);
-    // "ping" with the module name and the run stage; nothing without a connection.
+    // "ping" with the module name and the run stage, connecting first when
+    // there is no connection; nothing when the service cannot be reached.
     void sendHeartbeat();
 
     int getRunStage() const { return runStage; }

@@ -1,8 +1,10 @@
 #include "defaults.h"
 #include "logginginterface.h"
+#include "upnpadaptor.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
+#include <QSettings>
 #include <QTimer>
 
 #include <csignal>
@@ -58,8 +60,9 @@ int main(int argc, char* argv[])
     initLoggingByConfig();
     std::srand(static_cast<unsigned int>(std::time(nullptr)));
 
-    // The module object (CUpnpAdaptor) is created here, with the application as
-    // parent: before the crash counter is looked at and before SIGINT is handled.
+    // Before the crash counter is looked at: it reads its settings and makes
+    // the device UUID; the description files come with the configuration.
+    auto* module = new CUpnpAdaptor(&app);
 
     if (crashCounter(argc, argv) != 0)
         CLOG_AT(Warning, 41) << "restarted after crash. crash counter:" << argv[1];
@@ -75,9 +78,13 @@ int main(int argc, char* argv[])
     const DatabaseSettings database = readDatabaseSettings();
     WWWDir = database.wwwPath;
 
-    // The module object's RPC server starts listening here, under its service
-    // name in database.socketDir: on a loopback TCP port (the "port" setting of
-    // the application's own settings) when database.useTcp(), else on a local socket.
+    // A failure to listen is logged; the daemon runs on regardless.
+    if (database.useTcp())
+        module->startTcpServer(database.socketDir, quint16(QSettings().value("port", "0").toUInt()));
+    else
+        module->startLocalServer(database.socketDir);
 
-    return app.exec();
+    const int status = app.exec();
+    delete module;
+    return status;
 }

@@ -1,0 +1,269 @@
+// The module object on its own: the device UUID, the description and service
+// files, network events and run stages. Settings and output files live in a
+// temporary directory; a recording "systemctl" stands first on PATH.
+#include "logginginterface.h"
+#include "networkconfig.h"
+#include "stdoutcapture.h"
+#include "upnpadaptor.h"
+#include "upnpcoordinator.h"
+#include "utils.h"
+
+#include <QCryptographicHash>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QtEndian>
+#include <QtTest>
+
+#include "defaults.h"
+
+class tst_UpnpAdaptor : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void deviceUuidComesFromTheWlanMac_data();
+    void deviceUuidComesFromTheWlanMac();
+    void filesFollowNameSerialAndBrand();
+    void brokenTemplateOrOutputIsLogged();
+    void networkEventsWaitForTheCoordinator();
+    void runStagesAndStatistics();
+
+private:
+    QByteArray read(const QString& name) const;
+    QByteArray systemctlCalls() const { return read("systemctl.log"); }
+    void configure(const QString& templates, const QString& output);
+
+    QTemporaryDir dir;
+};
+
+void tst_UpnpAdaptor::initTestCase()
+{
+    QVERIFY(dir.isValid());
+    qputenv("XDG_CONFIG_HOME", dir.filePath("config").toUtf8());
+    QDir().mkpath(dir.filePath("bin"));
+    QFile systemctl(dir.filePath("bin/systemctl"));
+    QVERIFY(systemctl.open(QIODevice::WriteOnly));
+    systemctl.write("#!/bin/sh\necho \"$@\" >> " + dir.filePath("systemctl.log").toUtf8() + "\n");
+    systemctl.close();
+    systemctl.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    qputenv("PATH", dir.filePath("bin").toUtf8() + ':' + qgetenv("PATH"));
+    initLogging(false, false, false, true);
+    // The daemon's own settings are those of its application identity.
+    QCoreApplication::setOrganizationName("quarn");
+    QCoreApplication::setApplicationName("upnp");
+    QSettings().setValue("timing/avahiRestartPause", 0);
+}
+
+void tst_UpnpAdaptor::init()
+{
+    configure(SOURCE_DIR "/upnp/data", dir.path());
+    QFile::remove(dir.filePath("systemctl.log"));
+    QFile::remove(dir.filePath("www/settings.json"));
+    logging::__LoggingActive = false;
+}
+
+void tst_UpnpAdaptor::configure(const QString& templates, const QString& output)
+{
+    QSettings database("quarn", "database");
+    database.setValue("socketDir", dir.path());
+    database.setValue("data/constpath", templates);
+    database.setValue("upnpConfigFileName", output + "/quarn.upnp");
+    database.setValue("avahiConfigFileName", output + "/tessaline-quarn.service");
+    WWWDir = dir.filePath("www");
+    QDir().mkpath(WWWDir);
+}
+
+QByteArray tst_UpnpAdaptor::read(const QString& name) const
+{
+    QFile file(dir.filePath(name));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void tst_UpnpAdaptor::deviceUuidComesFromTheWlanMac_data()
+{
+    QTest::addColumn<QString>("mac");
+    QTest::addColumn<QString>("uuid");
+    QTest::newRow("as the kernel writes it") << "00:11:22:33:44:55\n" << "33221100-5511-4433-0011-443311332211";
+    QTest::newRow("upper case") << "AA:BB:CC:DD:EE:FF" << "ddccbbaa-ffbb-eedd-aabb-eeddbbddccbb";
+    QTest::newRow("invalid pair reads as 0") << "zz:11:22:33:44:55" << "33221100-5511-4433-0011-443311332211";
+    QTest::newRow("too short") << "01:02" << "00000201-0002-0000-0102-000002000002";
+}
+
+void tst_UpnpAdaptor::deviceUuidComesFromTheWlanMac()
+{
+    QFETCH(QString, mac);
+    QFETCH(QString, uuid);
+    QCOMPARE(CUpnpAdaptor::makeDeviceUuid(mac).toString(QUuid::WithoutBraces), uuid);
+    QCOMPARE(CUpnpAdaptor::makeDeviceUuid(mac), CUpnpAdaptor::makeDeviceUuid(mac));
+
+    StdoutCapture capture;
+    const QUuid first = CUpnpAdaptor::makeDeviceUuid(QString());
+    const QUuid second = CUpnpAdaptor::makeDeviceUuid(QString());
+    const QByteArray out = capture.take();
+    QVERIFY(first != second);
+    QCOMPARE(out.count("WW upnpadaptor.cpp         48 Failed to get wlan mac address, generating random UDN"), 2);
+
+    qputenv("RAVO_MACHINE", "imx8mp-quarn");
+    QCOMPARE(Utils::wlanInterfaceName(), QString("mlan0"));
+    qputenv("RAVO_MACHINE", "quarn-a");
+    QCOMPARE(Utils::wlanInterfaceName(), QString("wlan0"));
+}
+
+void tst_UpnpAdaptor::filesFollowNameSerialAndBrand()
+{
+    CUpnpAdaptor adaptor;
+    const QByteArray udn = adaptor.uuid().toString(QUuid::WithoutBraces).toLatin1();
+
+    // Serial number first: the description is written, Avahi is not restarted
+    // while the name is empty.
+    StdoutCapture capture;
+    adaptor.configValueChanged("generic/serialNumber", "SN<1>", true);
+    const QByteArray refusal = capture.take();
+    QVERIFY2(refusal.contains("EE upnpadaptor.cpp        154 refusing to restart Avahi while the Quarn name is empty"),
+             refusal);
+    QVERIFY(read("quarn.upnp").contains("<friendlyName>Orvella: </friendlyName>"));
+    QVERIFY(read("quarn.upnp").contains("<serialNumber>SN&amp;lt;1&amp;gt;</serialNumber>"));
+    QCOMPARE(systemctlCalls(), QByteArray());
+
+    adaptor.configValueChanged("generic/name", "A&B <x>", false);
+    const QByteArray description = read("quarn.upnp");
+    QVERIFY(description.contains("<friendlyName>Orvella: A&amp;B &amp;lt;x&amp;gt;</friendlyName>"));
+    QVERIFY(description.contains("<UDN>uuid:" + udn + "</UDN>"));
+    QVERIFY(description.contains("<manufacturer>Tessaline</manufacturer>"));
+    const QByteArray service = read("tessaline-quarn.service");
+    QVERIFY(service.contains("<name>Orvella: A&amp;B &amp;lt;x&amp;gt;</name>"));
+    QVERIFY(service.contains("<txt-record>udn=uuid:" + udn + "</txt-record>"));
+    QCOMPARE(systemctlCalls(), QByteArray("restart avahi-daemon.service avahi-daemon.socket\n"));
+    // The config id: the description's SHA-256, first four bytes little-endian, 24 bits.
+    const QByteArray digest = QCryptographicHash::hash(description, QCryptographicHash::Sha256);
+    QCOMPARE(adaptor.configId(), qFromLittleEndian<quint32>(digest.constData()) & 0xFFFFFF);
+    QVERIFY(adaptor.configId() < 16777216);
+
+    // The same name again: no file written, no restart.
+    QFile::remove(dir.filePath("quarn.upnp"));
+    adaptor.configValueChanged("generic/name", "A&B <x>", false);
+    QVERIFY(!QFile::exists(dir.filePath("quarn.upnp")));
+    QCOMPARE(systemctlCalls().count('\n'), 1);
+
+    const quint32 ludId = adaptor.configId();
+    adaptor.configValueChanged("generic/zan", "true", false);
+    QVERIFY(read("quarn.upnp").contains("<manufacturer>ZAN</manufacturer>"));
+    QVERIFY(adaptor.configId() != ludId);
+    adaptor.configValueChanged("generic/zan", "TRUE", false); // only "true" counts
+    QVERIFY(read("quarn.upnp").contains("<manufacturer>Tessaline</manufacturer>"));
+    QCOMPARE(systemctlCalls().count('\n'), 3);
+
+    adaptor.configValueChanged("debug/enableLogging", "true", false);
+    QVERIFY(logging::__LoggingActive);
+    adaptor.configValueChanged("some/other", "x", false);
+    QCOMPARE(systemctlCalls().count('\n'), 3);
+}
+
+void tst_UpnpAdaptor::brokenTemplateOrOutputIsLogged()
+{
+    configure(dir.filePath("no-templates"), dir.path());
+    StdoutCapture capture;
+    {
+        CUpnpAdaptor adaptor;
+        adaptor.configValueChanged("generic/name", "Kitchen", false);
+    }
+    configure(SOURCE_DIR "/upnp/data", dir.filePath("no-such-dir"));
+    {
+        CUpnpAdaptor adaptor;
+        adaptor.configValueChanged("generic/name", "Kitchen", false);
+    }
+    const QByteArray out = capture.take();
+    QVERIFY2(out.contains("EE upnpadaptor.cpp        289 Failed to open  quarn-lud.upnp "), out);
+    QVERIFY2(out.contains("EE upnpadaptor.cpp        289 Failed to open  quarn.avahi "), out);
+    QVERIFY2(out.contains("EE upnpadaptor.cpp        306 Failed to open " + dir.filePath("no-such-dir").toUtf8()
+                          + "/quarn.upnp for writing: "),
+             out);
+    // Avahi is restarted all the same.
+    QCOMPARE(systemctlCalls().count('\n'), 2);
+}
+
+void tst_UpnpAdaptor::networkEventsWaitForTheCoordinator()
+{
+    auto event = [](const QString& interface, qint32 version = 1, qint32 state = 1) {
+        NetworkConfig config;
+        config.version = version;
+        config.state = state;
+        config.interfaceName = interface;
+        return config.toByteArray();
+    };
+    CUpnpAdaptor adaptor;
+    adaptor.configValueChanged("generic/name", "Hall", false);
+    logging::__LoggingActive = true;
+    StdoutCapture capture;
+    adaptor.networkEvent(3, event("lo"), 1);
+    adaptor.networkEvent(3, event("gone0"), 1);
+    adaptor.networkEvent(5, event("gone0"), 1);      // up and down: nothing pending
+    adaptor.networkEvent(3, event("idle0", 1, 0), 1); // state 0: not acted on
+    adaptor.networkEvent(3, event("old0", 2), 1);    // wrong version: logged, acted on
+    adaptor.networkEvent(3, event("cut0").left(30), 1);
+    adaptor.networkEvent(7, event("other0"), 1);     // other codes: ignored
+    QFile settings(dir.filePath("www/settings.json"));
+    QVERIFY(settings.open(QIODevice::WriteOnly));
+    settings.write("{}");
+    settings.close();
+    adaptor.createCoordinator();
+    const QByteArray out = capture.take();
+
+    QVERIFY(adaptor.coordinator());
+    QVERIFY2(out.contains("EE networkconfig.cpp       97 Invalid NetworkConfig version 2"), out);
+    QVERIFY2(out.contains("truncated network configuration"), out);
+    QCOMPARE(out.count("addInterface"), 2);
+    QVERIFY(out.contains("addInterface lo"));
+    QVERIFY(out.contains("cannot find interface named old0"));
+    QVERIFY(!out.contains("gone0 ") && !out.contains("idle0") && !out.contains("other0"));
+    // Avahi follows interfaces coming up: lo, gone0 and old0.
+    QCOMPARE(systemctlCalls().count('\n'), 1 + 3);
+
+    // With the coordinator, events go straight to it.
+    StdoutCapture more;
+    adaptor.networkEvent(5, event("lo"), 1);
+    QVERIFY(more.take().contains("removeInterface lo"));
+}
+
+void tst_UpnpAdaptor::runStagesAndStatistics()
+{
+    CUpnpAdaptor adaptor;
+    logging::__LoggingActive = true;
+    QCOMPARE(adaptor.getRunStage(), 255);
+    StdoutCapture capture;
+    adaptor.run(2);
+    adaptor.run(2);
+    adaptor.run(1); // no settings.json yet: the coordinator waits for it
+    const QByteArray out = capture.take();
+    QVERIFY(out.contains("-- upnpadaptor.cpp        168 got run signal 2"));
+    QCOMPARE(out.count("WW upnpadaptor.cpp        172 received same run stage twice 2"), 1);
+    QVERIFY2(out.contains("upnpadaptor.cpp        325 delaying coordinator creation, " + dir.filePath("www/settings.json").toUtf8()
+                          + " does not exist yet"),
+             out);
+    QCOMPARE(adaptor.getRunStage(), 1);
+    QVERIFY(!adaptor.coordinator());
+
+    QFile settings(dir.filePath("www/settings.json"));
+    QVERIFY(settings.open(QIODevice::WriteOnly)); // empty does not count
+    settings.close();
+    QTest::qWait(1200);
+    QVERIFY(!adaptor.coordinator());
+    QVERIFY(settings.open(QIODevice::WriteOnly));
+    settings.write("{}");
+    settings.close();
+    QTRY_VERIFY_WITH_TIMEOUT(adaptor.coordinator(), 2000);
+    QCOMPARE(adaptor.coordinator()->deviceTypes(), QList<QByteArray>{"urn:tessaline:device:Quarn:1"});
+    QCOMPARE(adaptor.coordinator()->uuid(), adaptor.uuid().toString(QUuid::WithoutBraces).toLatin1());
+
+    adaptor.run(0 + 2); // stage 2 after another stage is acted on again
+    QCOMPARE(adaptor.getRunStage(), 2);
+
+    const QString statistics = adaptor.exportProfilerStatistics(0);
+    QVERIFY(statistics.startsWith("***Exporting profiler statistic for Upnp adaptor***\nname"));
+    QVERIFY(statistics.contains("peak memory:"));
+}
+
+QTEST_GUILESS_MAIN(tst_UpnpAdaptor)
+#include "tst_upnpadaptor.moc"

@@ -1,0 +1,78 @@
+#ifndef UPNPADAPTOR_H
+#define UPNPADAPTOR_H
+
+#include "socketadaptor.h"
+
+#include <QByteArray>
+#include <QDir>
+#include <QSet>
+#include <QString>
+#include <QUuid>
+
+#include <memory>
+
+class SocketInterface;
+class UpnpCoordinator;
+
+// The daemon's module object, reached by the other backend processes as the
+// RPC service "com.zan.ravo.upnp". It follows the supervisor's run stages,
+// connects to the system service for network events and to the
+// configuration database, owns the SSDP coordinator, and keeps the device
+// description, the Avahi service file and the SSDP config id in step with
+// the device's name, serial number and brand.
+class CUpnpAdaptor : public SocketAdaptorWithPing
+{
+    Q_OBJECT
+
+public:
+    explicit CUpnpAdaptor(QObject* parent = nullptr);
+    ~CUpnpAdaptor() override;
+
+    QString getModuleName() override;
+
+    // The UUID for a MAC address text: the six bytes in a fixed, scrambled
+    // layout (no version or variant bits), so the same MAC always gives the
+    // same UUID. Random, with a warning, when the text is empty.
+    static QUuid makeDeviceUuid(const QString& macAddress);
+
+    // Fills the description template (avahi: the service file's) with the
+    // escaped name, UDN and serial number and writes it to outputPath.
+    void setupDescriptionFile(bool avahi, const QString& outputPath);
+    // Rewrites the service file and restarts Avahi; refused while the name is
+    // empty. Blocks the daemon for the restart and two seconds after it.
+    void restartAvahi();
+    void createCoordinator();
+
+    const QUuid& uuid() const { return deviceUuid; }
+    quint32 configId() const { return config; }
+    UpnpCoordinator* coordinator() const { return upnpCoordinator.get(); }
+
+public slots:
+    void run(int stage);
+    void quit();
+    void networkEvent(int code, QByteArray serConfig, int link);
+    QString exportProfilerStatistics(int sortColumn);
+    void configValueChanged(QString key, QString value, bool moreToCome);
+
+private:
+    void updateFiles();
+
+    QString name;
+    QString serialNumber;
+    bool zanBrand = false;
+    bool igmpQuerier = true;
+    QDir templateDir;
+    QUuid deviceUuid;
+    QString descriptionFilePath;
+    QString serviceFilePath;
+    quint32 config = 0;
+    std::unique_ptr<SocketInterface> systemClient;
+    std::unique_ptr<UpnpCoordinator> upnpCoordinator;
+    QSet<QString> pendingInterfaces;
+    bool coordinatorWaiting = false;
+    // Tuning for development and tests, from the daemon's own settings.
+    int rescanInterval;
+    int avahiRestartPause;
+};
+
+#endif // UPNPADAPTOR_H
