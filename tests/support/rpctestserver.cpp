@@ -1,8 +1,9 @@
-// rpctestserver SOCKETDIR local|tcp [INVOKETIMEOUTMS]
+// rpctestserver SOCKETDIR local|tcp [INVOKETIMEOUTMS|database]
 //
 // An RPC service "com.zan.ravo.testserver" for the tests: slots that echo each
 // value kind, record calls in order, emit signals, and answer through
-// promises in every way a slot may. Prints "ready" once it listens.
+// promises in every way a slot may. With "database": a configuration
+// database that answers with the wrong types. Prints "ready" once it listens.
 #include "logginginterface.h"
 #include "socketadaptor.h"
 #include "socketpromise.h"
@@ -88,17 +89,38 @@ private:
     QStringList recordedCalls;
 };
 
+// A configuration database that answers with the wrong types, and sends
+// its signals when told to.
+class OddDatabase : public SocketAdaptor
+{
+    Q_OBJECT
+
+public slots:
+    QString getModuleName() override { return QStringLiteral("com.zan.ravo.database"); }
+    int getConfigValue(QString) { return 7; }
+    bool setConfigValue(QString, QString, bool) { return true; }
+    QString getFeatureValue(QString) { return QStringLiteral("yes"); }
+    void changed(QString key, QString value) { emitSignal("configValueChanged(QString,QString,bool)", key, value, false); }
+    void batch(QStringList values) { emitSignal("configValueBatchUpdate(QStringList)", values); }
+    void leave() { QTimer::singleShot(0, qApp, &QCoreApplication::quit); }
+};
+
 int main(int argc, char* argv[])
 {
     QCoreApplication app(argc, argv);
     if (argc < 3) {
-        std::fprintf(stderr, "usage: %s SOCKETDIR local|tcp [INVOKETIMEOUTMS]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s SOCKETDIR local|tcp [INVOKETIMEOUTMS|database]\n", argv[0]);
         return 2;
     }
     initLogging(false, false, false, true);
-    TestServer server;
-    if (argc > 3)
-        server.setInvokeTimeoutInterval(QByteArray(argv[3]).toInt());
+    const QByteArray option = argc > 3 ? argv[3] : "";
+    TestServer testServer;
+    OddDatabase database;
+    SocketAdaptor& server = option == "database" ? static_cast<SocketAdaptor&>(database) : testServer;
+    bool isNumber = false;
+    const int invokeTimeout = option.toInt(&isNumber);
+    if (isNumber)
+        server.setInvokeTimeoutInterval(invokeTimeout);
     const QString socketDir = QString::fromLocal8Bit(argv[1]);
     const bool listening = QByteArray(argv[2]) == "tcp" ? server.startTcpServer(socketDir, 0)
                                                         : server.startLocalServer(socketDir);

@@ -1,0 +1,94 @@
+// The configuration cache against a database that is absent, answers with
+// the wrong types, sends its signals on request, and goes away.
+#include "configcache.h"
+#include "logginginterface.h"
+#include "socketinterface.h"
+#include "stdoutcapture.h"
+
+#include <QProcess>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+class tst_ConfigCache : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void cacheOutlivesAnOddDatabase();
+};
+
+void tst_ConfigCache::cacheOutlivesAnOddDatabase()
+{
+    QTemporaryDir dir;
+    qputenv("XDG_CONFIG_HOME", dir.filePath("config").toUtf8());
+    QSettings("quarn", "database").setValue("socketDir", dir.path());
+    initLogging(false, false, false, true);
+
+    ConfigCache* cache = ConfigCache::instance();
+    QCOMPARE(SocketInterface::SignalWhiteList, QSet<QByteArray>{"configValueBatchUpdate"});
+    QSignalSpy changes(cache, &ConfigCache::valueChanged);
+
+    // Absent: reads fail with two lines, writes still reach the cache.
+    StdoutCapture absent;
+    bool ok = true;
+    const QString unknown = cache->getConfigValue("generic/name", &ok);
+    const bool written = cache->setConfigValueNonblock("generic/serialNumber", "SN1", false);
+    const bool connected = cache->connectToDatabase();
+    const QByteArray absentOut = absent.take();
+    QVERIFY(!ok && unknown.isEmpty() && !written && !connected);
+    QVERIFY(absentOut.contains("key generic/name cannot be found in the config cache. Batch update received: false"));
+    QVERIFY(absentOut.contains("failed to get config value for generic/name - not connected to database"));
+    QVERIFY(absentOut.contains("failed to set config value: generic/serialNumber SN1 - not connected to database"));
+    QVERIFY(absentOut.contains("failed to open interface to database ServerNotFoundError"));
+    QCOMPARE(cache->getConfigValue("generic/serialNumber", &ok), QString("SN1"));
+    QVERIFY(ok);
+
+    QProcess database;
+    database.start(BINARY_DIR "/tests/rpctestserver", {dir.path(), "local", "database"});
+    QVERIFY(database.waitForReadyRead(5000));
+    QVERIFY(cache->connectToDatabase());
+    SocketInterface control(SocketConnection::LocalSocketType, "com.zan.ravo.database", dir.path());
+
+    // A single change before the first batch is dropped on purpose.
+    control.call(SocketInterface::CallWithReturn, "changed", QString("early"), QString("1"));
+    QTest::qWait(200);
+    QCOMPARE(changes.count(), 0);
+    // A non-string answer is cached as an empty string.
+    StdoutCapture typed;
+    const QString seven = cache->getConfigValue("early", &ok);
+    const bool feature = cache->getFeatureSupport("wifi");
+    const QByteArray typedOut = typed.take();
+    QVERIFY(ok && seven.isEmpty() && !feature);
+    QVERIFY(typedOut.contains("type is not string16 - returning default value type= 5"));
+    QVERIFY(typedOut.contains("type is not bool - returning default value type= 1"));
+
+    // An odd batch changes nothing; a whole one replaces the cache, the last
+    // pair without moreToCome, and opens every client to all signals.
+    StdoutCapture odd;
+    control.call(SocketInterface::CallWithReturn, "batch", QStringList{"a", "1", "b"});
+    QTest::qWait(200);
+    QVERIFY(odd.take().contains("configValueBatchUpdate received an odd-length list: 3"));
+    QCOMPARE(changes.count(), 0);
+    control.call(SocketInterface::CallWithReturn, "batch", QStringList{"generic/name", "Hall", "generic/zan", "true"});
+    QTRY_COMPARE(changes.count(), 2);
+    QCOMPARE(changes.at(0), QVariantList({"generic/name", "Hall", true}));
+    QCOMPARE(changes.at(1), QVariantList({"generic/zan", "true", false}));
+    QVERIFY(SocketInterface::SignalWhiteList.isEmpty() && cache->isBatchReceived());
+    QCOMPARE(cache->getConfigValue("generic/name"), QString("Hall"));
+    control.call(SocketInterface::CallWithReturn, "changed", QString("generic/name"), QString("Attic"));
+    QTRY_COMPARE(changes.count(), 3);
+    QCOMPARE(cache->getConfigValue("generic/name"), QString("Attic"));
+
+    // The database goes: what is cached stays readable.
+    control.call("leave");
+    QVERIFY(database.waitForFinished(5000));
+    QTRY_VERIFY(!cache->isConnected());
+    QCOMPARE(cache->getConfigValue("generic/zan", &ok), QString("true"));
+    QVERIFY(ok);
+    ConfigCache::deleteInstance();
+}
+
+QTEST_GUILESS_MAIN(tst_ConfigCache)
+#include "tst_configcache.moc"
