@@ -3,6 +3,7 @@
 // the UUID), watched from a control point's namespace ("cp") by our own SSDP
 // peer, GSSDP and GUPnP; its files served over HTTP and handed to a real
 // avahi-daemon. System log through a private /dev/log.
+#include "interfaceaddress.h"
 #include "netns.h"
 #include "socketinterface.h"
 #include "ssdppeer.h"
@@ -90,7 +91,6 @@ void tst_Daemon::init()
     QVERIFY2(namespaces->add(Dev) && namespaces->add(Cp) && namespaces->addVethPair(Dev, "dev0", Cp, "cp0")
                  && namespaces->addVethPair(Dev, "wlan0", Dev, "wl0p")
                  && namespaces->run(Dev, {"ip", "link", "set", "wlan0", "address", "00:11:22:33:44:55"})
-                 && namespaces->run(Dev, {"sysctl", "-qw", "net.ipv6.conf.dev0.disable_ipv6=1"})
                  && namespaces->addAddress(Dev, "dev0", "10.80.0.2/24")
                  && namespaces->addAddress(Cp, "cp0", "10.80.0.3/24"),
              qPrintable(namespaces->errorString()));
@@ -238,6 +238,18 @@ void tst_Daemon::stagesLeadToAdvertisingOnceTheWebSettingsExist()
     QVERIFY(settings.open(QIODevice::WriteOnly) && settings.write("{}") == 2);
     settings.close();
     QTRY_VERIFY_WITH_TIMEOUT(controlPoint.notifiesWith("ssdp:alive").size() >= 3, 5000);
+
+    // GSSDP finds the root device over IPv4 and over IPv6 link-local.
+    QVERIFY(namespaces->enter(Dev));
+    const QString linkLocal = linkLocalAddress("dev0");
+    QVERIFY(namespaces->leave() && !linkLocal.isEmpty());
+    const QStringList browse{"/usr/bin/python3", SOURCE_DIR "/tools/ssdp-browse", "--interface", "cp0", "--target",
+                             "upnp:rootdevice", "--seconds", "3"};
+    const QByteArray root = "available uuid:" + Udn + "::upnp:rootdevice ";
+    QByteArray found = runInCp(browse);
+    QVERIFY2(found.contains(root + "http://10.80.0.2:80/quarn.upnp\n"), found);
+    found = runInCp(browse + QStringList{"--ipv6"});
+    QVERIFY2(found.contains(root + "http://[" + linkLocal.toUtf8() + "]:80/quarn.upnp\n"), found);
 
     const QByteArray alive = controlPoint.notifiesWith("ssdp:alive").last().datagram.data();
     QCOMPARE(ssdpHeader(alive, "LOCATION"), QByteArray("http://10.80.0.2:80/quarn.upnp"));
