@@ -299,7 +299,8 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
     const int restarts = file("systemctl.log").count('\n');
     control("setConfigValue", QString("generic/name"), QString("A&B <x>"));
     QTRY_VERIFY_WITH_TIMEOUT(file("files/quarn.upnp").contains("Orvella: A&amp;B &amp;lt;x&amp;gt;"), 5000);
-    QVERIFY(file("files/tessaline-quarn.service").contains("<name>Orvella: A&amp;B &amp;lt;x&amp;gt;</name>"));
+    QTRY_VERIFY_WITH_TIMEOUT(file("files/tessaline-quarn.service").contains("<name>Orvella: A&amp;B &amp;lt;x&amp;gt;</name>"),
+                             5000);
     const quint32 secondId = configIdOfDescription();
     QVERIFY(secondId != firstId && secondId < 16777216);
     QTRY_COMPARE_WITH_TIMEOUT(file("systemctl.log").count('\n'), restarts + 1, 5000);
