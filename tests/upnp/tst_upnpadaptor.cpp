@@ -1,6 +1,8 @@
 // The module object on its own: the device UUID, the description and service
 // files, network events and run stages. Settings and output files live in a
-// temporary directory; a recording "systemctl" stands first on PATH.
+// temporary directory. A "systemctl" that does nothing stands first on PATH,
+// so that no Avahi of this machine is restarted; the restarts are counted from
+// the daemon's own log lines (child processes do not run under qemu-user).
 #include "logginginterface.h"
 #include "networkconfig.h"
 #include "stdoutcapture.h"
@@ -32,7 +34,8 @@ private slots:
 
 private:
     QByteArray read(const QString& name) const;
-    QByteArray systemctlCalls() const { return read("systemctl.log"); }
+    // Avahi restarts while action runs; its log lines go to log.
+    int restarts(const std::function<void()>& action, QByteArray* log = nullptr);
     void configure(const QString& templates, const QString& output);
 
     QTemporaryDir dir;
@@ -45,7 +48,7 @@ void tst_UpnpAdaptor::initTestCase()
     QDir().mkpath(dir.filePath("bin"));
     QFile systemctl(dir.filePath("bin/systemctl"));
     QVERIFY(systemctl.open(QIODevice::WriteOnly));
-    systemctl.write("#!/bin/sh\necho \"$@\" >> " + dir.filePath("systemctl.log").toUtf8() + "\n");
+    systemctl.write("#!/bin/sh\nexit 0\n");
     systemctl.close();
     systemctl.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     qputenv("PATH", dir.filePath("bin").toUtf8() + ':' + qgetenv("PATH"));
@@ -59,7 +62,6 @@ void tst_UpnpAdaptor::initTestCase()
 void tst_UpnpAdaptor::init()
 {
     configure(SOURCE_DIR "/upnp/data", dir.path());
-    QFile::remove(dir.filePath("systemctl.log"));
     QFile::remove(dir.filePath("www/settings.json"));
     logging::__LoggingActive = false;
 }
@@ -73,6 +75,19 @@ void tst_UpnpAdaptor::configure(const QString& templates, const QString& output)
     database.setValue("avahiConfigFileName", output + "/tessaline-quarn.service");
     WWWDir = dir.filePath("www");
     QDir().mkpath(WWWDir);
+}
+
+int tst_UpnpAdaptor::restarts(const std::function<void()>& action, QByteArray* log)
+{
+    const bool detailed = logging::__LoggingActive;
+    logging::__LoggingActive = true;
+    StdoutCapture capture;
+    action();
+    const QByteArray out = capture.take();
+    logging::__LoggingActive = detailed;
+    if (log)
+        *log = out;
+    return out.count("-- upnpadaptor.cpp        158 restartAvahi");
 }
 
 QByteArray tst_UpnpAdaptor::read(const QString& name) const
@@ -118,16 +133,14 @@ void tst_UpnpAdaptor::filesFollowNameSerialAndBrand()
 
     // Serial number first: the description is written, Avahi is not restarted
     // while the name is empty.
-    StdoutCapture capture;
-    adaptor.configValueChanged("generic/serialNumber", "SN<1>", true);
-    const QByteArray refusal = capture.take();
+    QByteArray refusal;
+    QCOMPARE(restarts([&] { adaptor.configValueChanged("generic/serialNumber", "SN<1>", true); }, &refusal), 0);
     QVERIFY2(refusal.contains("EE upnpadaptor.cpp        154 refusing to restart Avahi while the Quarn name is empty"),
              refusal);
     QVERIFY(read("quarn.upnp").contains("<friendlyName>Orvella: </friendlyName>"));
     QVERIFY(read("quarn.upnp").contains("<serialNumber>SN&amp;lt;1&amp;gt;</serialNumber>"));
-    QCOMPARE(systemctlCalls(), QByteArray());
 
-    adaptor.configValueChanged("generic/name", "A&B <x>", false);
+    QCOMPARE(restarts([&] { adaptor.configValueChanged("generic/name", "A&B <x>", false); }), 1);
     const QByteArray description = read("quarn.upnp");
     QVERIFY(description.contains("<friendlyName>Orvella: A&amp;B &amp;lt;x&amp;gt;</friendlyName>"));
     QVERIFY(description.contains("<UDN>uuid:" + udn + "</UDN>"));
@@ -135,7 +148,6 @@ void tst_UpnpAdaptor::filesFollowNameSerialAndBrand()
     const QByteArray service = read("tessaline-quarn.service");
     QVERIFY(service.contains("<name>Orvella: A&amp;B &amp;lt;x&amp;gt;</name>"));
     QVERIFY(service.contains("<txt-record>udn=uuid:" + udn + "</txt-record>"));
-    QCOMPARE(systemctlCalls(), QByteArray("restart avahi-daemon.service avahi-daemon.socket\n"));
     // The config id: the description's SHA-256, first four bytes little-endian, 24 bits.
     const QByteArray digest = QCryptographicHash::hash(description, QCryptographicHash::Sha256);
     QCOMPARE(adaptor.configId(), qFromLittleEndian<quint32>(digest.constData()) & 0xFFFFFF);
@@ -143,45 +155,42 @@ void tst_UpnpAdaptor::filesFollowNameSerialAndBrand()
 
     // The same name again: no file written, no restart.
     QFile::remove(dir.filePath("quarn.upnp"));
-    adaptor.configValueChanged("generic/name", "A&B <x>", false);
+    QCOMPARE(restarts([&] { adaptor.configValueChanged("generic/name", "A&B <x>", false); }), 0);
     QVERIFY(!QFile::exists(dir.filePath("quarn.upnp")));
-    QCOMPARE(systemctlCalls().count('\n'), 1);
 
     const quint32 ludId = adaptor.configId();
-    adaptor.configValueChanged("generic/zan", "true", false);
+    QCOMPARE(restarts([&] { adaptor.configValueChanged("generic/zan", "true", false); }), 1);
     QVERIFY(read("quarn.upnp").contains("<manufacturer>ZAN</manufacturer>"));
     QVERIFY(adaptor.configId() != ludId);
-    adaptor.configValueChanged("generic/zan", "TRUE", false); // only "true" counts
+    // Only "true" counts.
+    QCOMPARE(restarts([&] { adaptor.configValueChanged("generic/zan", "TRUE", false); }), 1);
     QVERIFY(read("quarn.upnp").contains("<manufacturer>Tessaline</manufacturer>"));
-    QCOMPARE(systemctlCalls().count('\n'), 3);
+    QCOMPARE(restarts([&] { adaptor.configValueChanged("some/other", "x", false); }), 0);
 
     adaptor.configValueChanged("debug/enableLogging", "true", false);
     QVERIFY(logging::__LoggingActive);
-    adaptor.configValueChanged("some/other", "x", false);
-    QCOMPARE(systemctlCalls().count('\n'), 3);
 }
 
 void tst_UpnpAdaptor::brokenTemplateOrOutputIsLogged()
 {
-    configure(dir.filePath("no-templates"), dir.path());
-    StdoutCapture capture;
-    {
-        CUpnpAdaptor adaptor;
-        adaptor.configValueChanged("generic/name", "Kitchen", false);
-    }
-    configure(SOURCE_DIR "/upnp/data", dir.filePath("no-such-dir"));
-    {
-        CUpnpAdaptor adaptor;
-        adaptor.configValueChanged("generic/name", "Kitchen", false);
-    }
-    const QByteArray out = capture.take();
+    QByteArray out;
+    // Avahi is restarted all the same.
+    QCOMPARE(restarts(
+                 [this] {
+                     configure(dir.filePath("no-templates"), dir.path());
+                     CUpnpAdaptor templatesMissing;
+                     templatesMissing.configValueChanged("generic/name", "Kitchen", false);
+                     configure(SOURCE_DIR "/upnp/data", dir.filePath("no-such-dir"));
+                     CUpnpAdaptor outputMissing;
+                     outputMissing.configValueChanged("generic/name", "Kitchen", false);
+                 },
+                 &out),
+             2);
     QVERIFY2(out.contains("EE upnpadaptor.cpp        289 Failed to open  quarn-lud.upnp "), out);
     QVERIFY2(out.contains("EE upnpadaptor.cpp        289 Failed to open  quarn.avahi "), out);
     QVERIFY2(out.contains("EE upnpadaptor.cpp        306 Failed to open " + dir.filePath("no-such-dir").toUtf8()
                           + "/quarn.upnp for writing: "),
              out);
-    // Avahi is restarted all the same.
-    QCOMPARE(systemctlCalls().count('\n'), 2);
 }
 
 void tst_UpnpAdaptor::networkEventsWaitForTheCoordinator()
@@ -219,7 +228,7 @@ void tst_UpnpAdaptor::networkEventsWaitForTheCoordinator()
     QVERIFY(out.contains("cannot find interface named old0"));
     QVERIFY(!out.contains("gone0 ") && !out.contains("idle0") && !out.contains("other0"));
     // Avahi follows interfaces coming up: lo, gone0 and old0.
-    QCOMPARE(systemctlCalls().count('\n'), 1 + 3);
+    QCOMPARE(out.count("-- upnpadaptor.cpp        158 restartAvahi"), 3);
 
     // With the coordinator, events go straight to it.
     StdoutCapture more;
