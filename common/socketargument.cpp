@@ -607,76 +607,55 @@ bool SocketArgument::parse8BitString(const char* data, int& pos, int end)
     return true;
 }
 
+// The fixed-width integers: the whole value or nothing.
+template <typename T>
+bool SocketArgument::parseFixed(eType kind, const char* data, int& pos, int end)
+{
+    if (!bytesAvailable(pos, qint64(sizeof(T)), end))
+        return false;
+    store(kind, readLittleEndian<T>(data, pos));
+    pos += int(sizeof(T));
+    return true;
+}
+
 bool SocketArgument::parseInt8(const char* data, int& pos, int end)
 {
-    if (!bytesAvailable(pos, 1, end))
-        return false;
-    store(TypeInt8, readLittleEndian<qint8>(data, pos));
-    pos += 1;
-    return true;
+    return parseFixed<qint8>(TypeInt8, data, pos, end);
 }
 
 bool SocketArgument::parseUInt8(const char* data, int& pos, int end)
 {
-    if (!bytesAvailable(pos, 1, end))
-        return false;
-    store(TypeUInt8, readLittleEndian<quint8>(data, pos));
-    pos += 1;
-    return true;
+    return parseFixed<quint8>(TypeUInt8, data, pos, end);
 }
 
 bool SocketArgument::parseInt16(const char* data, int& pos, int end)
 {
-    if (!bytesAvailable(pos, 2, end))
-        return false;
-    store(TypeInt16, readLittleEndian<qint16>(data, pos));
-    pos += 2;
-    return true;
+    return parseFixed<qint16>(TypeInt16, data, pos, end);
 }
 
 bool SocketArgument::parseUInt16(const char* data, int& pos, int end)
 {
-    if (!bytesAvailable(pos, 2, end))
-        return false;
-    store(TypeUInt16, readLittleEndian<quint16>(data, pos));
-    pos += 2;
-    return true;
+    return parseFixed<quint16>(TypeUInt16, data, pos, end);
 }
 
 bool SocketArgument::parseInt32(const char* data, int& pos, int end)
 {
-    if (!bytesAvailable(pos, 4, end))
-        return false;
-    store(TypeInt32, readLittleEndian<qint32>(data, pos));
-    pos += 4;
-    return true;
+    return parseFixed<qint32>(TypeInt32, data, pos, end);
 }
 
 bool SocketArgument::parseUInt32(const char* data, int& pos, int end)
 {
-    if (!bytesAvailable(pos, 4, end))
-        return false;
-    store(TypeUInt32, readLittleEndian<quint32>(data, pos));
-    pos += 4;
-    return true;
+    return parseFixed<quint32>(TypeUInt32, data, pos, end);
 }
 
 bool SocketArgument::parseInt64(const char* data, int& pos, int end)
 {
-    if (!bytesAvailable(pos, 8, end))
-        return false;
-    store(TypeInt64, readLittleEndian<qint64>(data, pos));
-    pos += 8;
-    return true;
+    return parseFixed<qint64>(TypeInt64, data, pos, end);
 }
 
 bool SocketArgument::parseUInt64(const char* data, int& pos, int end)
 {
-    if (!bytesAvailable(pos, 8, end))
-        return false;
-    store(TypeUInt64, readLittleEndian<quint64>(data, pos));
-    pos += 8;
-    return true;
+    return parseFixed<quint64>(TypeUInt64, data, pos, end);
 }
 
 bool SocketArgument::parseBool(const char* data, int& pos, int end)

@@ -221,6 +221,8 @@ private:
     }
     template <typename T>
     void store(eType kind, const T& value);
+    template <typename T>
+    bool parseFixed(eType kind, const char* data, int& pos, int end);
     bool hasKind(eType kind, const char* mismatchText) const;
     void copyFrom(const SocketArgument& other);
     void constructEmpty(eType kind);

@@ -793,52 +793,59 @@ bool SocketConnection::writeData(const char* text)
     return writeData(text, qint64(std::strlen(text)));
 }
 
-bool SocketConnection::writeValue(qint8 value)
+
+
+
+
+
+
+
+
+template <typename T>
+bool SocketConnection::writeNumber(T value)
 {
     SocketSink sink{*this};
     return putNumber(sink, value);
+}
+
+bool SocketConnection::writeValue(qint8 value)
+{
+    return writeNumber(value);
 }
 
 bool SocketConnection::writeValue(quint8 value)
 {
-    SocketSink sink{*this};
-    return putNumber(sink, value);
+    return writeNumber(value);
 }
 
 bool SocketConnection::writeValue(qint16 value)
 {
-    SocketSink sink{*this};
-    return putNumber(sink, value);
+    return writeNumber(value);
 }
 
 bool SocketConnection::writeValue(quint16 value)
 {
-    SocketSink sink{*this};
-    return putNumber(sink, value);
+    return writeNumber(value);
 }
 
 bool SocketConnection::writeValue(qint32 value)
 {
-    SocketSink sink{*this};
-    return putNumber(sink, value);
+    return writeNumber(value);
 }
 
 bool SocketConnection::writeValue(quint32 value)
 {
-    SocketSink sink{*this};
-    return putNumber(sink, value);
+    return writeNumber(value);
 }
 
 bool SocketConnection::writeValue(qint64 value)
 {
-    SocketSink sink{*this};
-    return putNumber(sink, value);
+    return writeNumber(value);
 }
 
 bool SocketConnection::writeValue(quint64 value)
 {
-    SocketSink sink{*this};
-    return putNumber(sink, value);
+    return writeNumber(value);
 }
 
 bool SocketConnection::writeValue(double value)

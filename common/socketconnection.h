@@ -218,6 +218,8 @@ private:
     template <typename Callback>
     StepOutcome deliver(Callback callback);
     void compactReceiveBuffer();
+    template <typename T>
+    bool writeNumber(T value);
 
     QByteArray methodName;
     QByteArray receiveBuffer;
