@@ -3,6 +3,7 @@
 #include "profiler.h"
 #include "spinlock.h"
 #include "stdoutcapture.h"
+#include "upnpadaptor.h"
 #include "utils.h"
 
 #include <QtTest>
@@ -12,6 +13,8 @@ class tst_Utils : public QObject
     Q_OBJECT
 
 private slots:
+    void deviceUuidComesFromTheWlanMac_data();
+    void deviceUuidComesFromTheWlanMac();
     void escapeXmlKeepsTheDoubleEscaping();
     void profilerTableIsSortedByTheChosenColumn();
     void spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked();
@@ -93,6 +96,37 @@ void tst_Utils::defaultInternalIdIsInvalid()
     id.serialNumber = 4711;
     QVERIFY(id.isValid());
     QCOMPARE(id.toString(), QString("1:0-4711:0.0"));
+}
+
+void tst_Utils::deviceUuidComesFromTheWlanMac_data()
+{
+    QTest::addColumn<QString>("mac");
+    QTest::addColumn<QString>("uuid");
+    QTest::newRow("as the kernel writes it") << "00:11:22:33:44:55\n" << "33221100-5511-4433-0011-443311332211";
+    QTest::newRow("upper case") << "AA:BB:CC:DD:EE:FF" << "ddccbbaa-ffbb-eedd-aabb-eeddbbddccbb";
+    QTest::newRow("invalid pair reads as 0") << "zz:11:22:33:44:55" << "33221100-5511-4433-0011-443311332211";
+    QTest::newRow("too short") << "01:02" << "00000201-0002-0000-0102-000002000002";
+}
+
+void tst_Utils::deviceUuidComesFromTheWlanMac()
+{
+    QFETCH(QString, mac);
+    QFETCH(QString, uuid);
+    QCOMPARE(CUpnpAdaptor::makeDeviceUuid(mac).toString(QUuid::WithoutBraces), uuid);
+    QCOMPARE(CUpnpAdaptor::makeDeviceUuid(mac), CUpnpAdaptor::makeDeviceUuid(mac));
+
+    initLogging(false, false, false, true);
+    StdoutCapture capture;
+    const QUuid first = CUpnpAdaptor::makeDeviceUuid(QString());
+    const QUuid second = CUpnpAdaptor::makeDeviceUuid(QString());
+    const QByteArray out = capture.take();
+    QVERIFY(first != second);
+    QCOMPARE(out.count("WW upnpadaptor.cpp         48 Failed to get wlan mac address, generating random UDN"), 2);
+
+    qputenv("RAVO_MACHINE", "imx8mp-quarn");
+    QCOMPARE(Utils::wlanInterfaceName(), QString("mlan0"));
+    qputenv("RAVO_MACHINE", "quarn-a");
+    QCOMPARE(Utils::wlanInterfaceName(), QString("wlan0"));
 }
 
 QTEST_GUILESS_MAIN(tst_Utils)

@@ -1,5 +1,5 @@
-// The module object on its own: the device UUID, the description and service
-// files, network events and run stages. Settings and output files live in a
+// The module object on its own: the description and service files, network
+// events and run stages. Settings and output files live in a
 // temporary directory. A "systemctl" that does nothing stands first on PATH,
 // so that no Avahi of this machine is restarted; the restarts are counted from
 // the daemon's own log lines (child processes do not run under qemu-user).
@@ -8,7 +8,6 @@
 #include "stdoutcapture.h"
 #include "upnpadaptor.h"
 #include "upnpcoordinator.h"
-#include "utils.h"
 
 #include <QCryptographicHash>
 #include <QSettings>
@@ -25,8 +24,6 @@ class tst_UpnpAdaptor : public QObject
 private slots:
     void initTestCase();
     void init();
-    void deviceUuidComesFromTheWlanMac_data();
-    void deviceUuidComesFromTheWlanMac();
     void filesFollowNameSerialAndBrand();
     void brokenTemplateOrOutputIsLogged();
     void networkEventsWaitForTheCoordinator();
@@ -94,36 +91,6 @@ QByteArray tst_UpnpAdaptor::read(const QString& name) const
 {
     QFile file(dir.filePath(name));
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void tst_UpnpAdaptor::deviceUuidComesFromTheWlanMac_data()
-{
-    QTest::addColumn<QString>("mac");
-    QTest::addColumn<QString>("uuid");
-    QTest::newRow("as the kernel writes it") << "00:11:22:33:44:55\n" << "33221100-5511-4433-0011-443311332211";
-    QTest::newRow("upper case") << "AA:BB:CC:DD:EE:FF" << "ddccbbaa-ffbb-eedd-aabb-eeddbbddccbb";
-    QTest::newRow("invalid pair reads as 0") << "zz:11:22:33:44:55" << "33221100-5511-4433-0011-443311332211";
-    QTest::newRow("too short") << "01:02" << "00000201-0002-0000-0102-000002000002";
-}
-
-void tst_UpnpAdaptor::deviceUuidComesFromTheWlanMac()
-{
-    QFETCH(QString, mac);
-    QFETCH(QString, uuid);
-    QCOMPARE(CUpnpAdaptor::makeDeviceUuid(mac).toString(QUuid::WithoutBraces), uuid);
-    QCOMPARE(CUpnpAdaptor::makeDeviceUuid(mac), CUpnpAdaptor::makeDeviceUuid(mac));
-
-    StdoutCapture capture;
-    const QUuid first = CUpnpAdaptor::makeDeviceUuid(QString());
-    const QUuid second = CUpnpAdaptor::makeDeviceUuid(QString());
-    const QByteArray out = capture.take();
-    QVERIFY(first != second);
-    QCOMPARE(out.count("WW upnpadaptor.cpp         48 Failed to get wlan mac address, generating random UDN"), 2);
-
-    qputenv("RAVO_MACHINE", "imx8mp-quarn");
-    QCOMPARE(Utils::wlanInterfaceName(), QString("mlan0"));
-    qputenv("RAVO_MACHINE", "quarn-a");
-    QCOMPARE(Utils::wlanInterfaceName(), QString("wlan0"));
 }
 
 void tst_UpnpAdaptor::filesFollowNameSerialAndBrand()
