@@ -11,8 +11,6 @@
 #include <QMetaMethod>
 #include <QSaveFile>
 
-#include <algorithm>
-
 namespace {
 
 constexpr int ResultFlushMs = 120000;
@@ -156,15 +154,15 @@ void SocketAdaptor::onPendingCallTimer()
 
 void SocketAdaptor::invoke(const SocketCall& call)
 {
-    // A client that has gone gets no answer: its calls are dropped.
-    if (!call.connection)
-        return;
     ProfileScope profile(call.signature.constData());
+    // A client that has gone is not answered; its call is carried out all the
+    // same, as a client that sends and leaves (a "quit" without return) expects.
+    const bool answer = call.wantsReturn && call.connection;
     const QMetaObject* meta = metaObject();
     const int index = meta->indexOfMethod(call.signature.constData());
     if (index < 0) {
         CLOG(Error) << "invalid signature" << call.signature;
-        if (call.wantsReturn)
+        if (answer)
             sendFailedReturnValue(call.connection, call.queryId);
         return;
     }
@@ -183,11 +181,11 @@ void SocketAdaptor::invoke(const SocketCall& call)
                        arguments[3], arguments[4], arguments[5], arguments[6], arguments[7], arguments[8],
                        arguments[9])) {
         CLOG(Error) << "failed to call slot:" << call.signature;
-        if (call.wantsReturn)
+        if (answer)
             sendFailedReturnValue(connection, call.queryId);
         return;
     }
-    if (!call.wantsReturn)
+    if (!answer)
         return;
     if (result.getType() == SocketArgument::TypePromise)
         result.toPromise().setCallData(this, call);
@@ -287,11 +285,11 @@ void SocketAdaptor::onDisconnected()
         return;
     }
     subscriptions.remove(connection);
-    // Its queued calls are dropped: there is nobody left to answer.
-    auto fromConnection = [connection](const SocketCall& call) { return call.connection == connection; };
-    normalQueue.erase(std::remove_if(normalQueue.begin(), normalQueue.end(), fromConnection), normalQueue.end());
-    priorityQueue.erase(std::remove_if(priorityQueue.begin(), priorityQueue.end(), fromConnection),
-                        priorityQueue.end());
+    // Its queued calls are still carried out, but never answered on a released connection.
+    for (QList<SocketCall>* queue : {&normalQueue, &priorityQueue})
+        for (SocketCall& call : *queue)
+            if (call.connection == connection)
+                call.connection = nullptr;
     emit clientDisconnected(QString::fromUtf8(connection->getClientName()));
     // Both may be inside their own signal handlers right now.
     socket->deleteLater();

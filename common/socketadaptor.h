@@ -41,7 +41,8 @@ struct SocketCall
 // Calls are queued and invoked one per event-loop turn; calls of a client
 // announced as "rpc" go ahead of all others and are served at once. A slot
 // answers by returning a value, or a SocketPromise to answer later. Every
-// call with return gets an answer: its value, or a failure.
+// call with return gets an answer: its value, or a failure; a client that has
+// left in the meantime gets none, but its calls are carried out.
 class SocketAdaptor : public QObject, private SocketMessageReceiver
 {
     Q_OBJECT

@@ -374,7 +374,10 @@ void tst_SocketRpc::rpccallCallsAndListens()
     QCOMPARE(rpccall({Service, "add", "int:1", "int:2", "int:3", "int:4", "int:5", "int:6", "int:7", "int:8",
                       "int:9", "int:10"}, &out), 0);
     QCOMPARE(out, QByteArray("int 55\n"));
+    // Sent and gone at once: the call is carried out all the same.
     QCOMPARE(rpccall({"--no-return", Service, "record", "string:tool"}, &out), 0);
+    std::unique_ptr<SocketInterface> check = client();
+    QTRY_VERIFY(check->call(SocketInterface::CallWithReturn, "recorded").toQStringList().contains("tool"));
     QCOMPARE(rpccall({Service, "nothing"}, &out), 0);
     QCOMPARE(out, QByteArray("(no value)\n"));
 
