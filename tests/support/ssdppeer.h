@@ -6,6 +6,8 @@
 #include <QNetworkInterface>
 #include <QUdpSocket>
 
+#include <netinet/in.h>
+
 // The other end of an SSDP link, as a control point sees it: one socket that
 // receives the group's NOTIFYs on an interface, one that sends searches and
 // receives their unicast answers. Create it while the thread is in the
@@ -29,6 +31,9 @@ public:
                     && notifySocket.joinMulticastGroup(group, interface)
                     && searchSocket.bind(any, 0);
         searchSocket.setMulticastInterface(interface);
+        // Only the group's traffic on this interface, not what other links of the namespace carry.
+        const int off = 0;
+        ::setsockopt(int(notifySocket.socketDescriptor()), IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof(off));
         // The peer's own searches are not looped back to its listening socket.
         searchSocket.setSocketOption(QAbstractSocket::MulticastLoopbackOption, 0);
         QObject::connect(&notifySocket, &QUdpSocket::readyRead, [this] { drain(notifySocket, notifies); });
@@ -45,11 +50,6 @@ public:
         QNetworkDatagram datagram(text, group, 1900);
         datagram.setInterfaceIndex(uint(interface.index()));
         searchSocket.writeDatagram(datagram);
-    }
-    void search(const QByteArray& st, const QByteArray& mx)
-    {
-        send("M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nMX: " + mx
-             + "\r\nST: " + st + "\r\n\r\n");
     }
 
     // NOTIFYs received so far with the given NTS (all when empty).
