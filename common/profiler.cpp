@@ -38,11 +38,6 @@ void Profiler::addCall(const QByteArray& name, qint64 nanoseconds)
     entry.last = nanoseconds;
 }
 
-void Profiler::clear()
-{
-    entries.clear();
-}
-
 qint64 Profiler::peakResidentKiB()
 {
     return statusValueKiB("VmHWM");

@@ -15,7 +15,6 @@ public:
     enum Column { NameColumn = 0, CallsColumn, TotalColumn, MaxColumn, MeanColumn, LastColumn };
 
     void addCall(const QByteArray& name, qint64 nanoseconds);
-    void clear();
 
     // A header line, one line per entry sorted by sortColumn (names ascending,
     // numbers largest first; an unknown column sorts by name), and the peak memory.

@@ -18,7 +18,10 @@ void sendResult(SocketPromiseData* data)
     call.wantsReturn = true;
     if (!data->adaptor->sendResult(call, data->result))
         CLOG(Error) << "returning result of" << data->signature << QString::number(data->queryId) << "to"
-                    << data->connection->getSocket()->getPeerName() << "failed";
+                    << QStringLiteral("connection %1 (%2)")
+                           .arg(data->connection->getConnectionNumber())
+                           .arg(data->connection->getSocket() ? data->connection->getSocket()->getPeerName() : QString())
+                    << "failed";
 }
 
 void destroy(SocketPromiseData* data)
