@@ -60,6 +60,13 @@ bool NetworkNamespaces::addVethPair(const QString& namespace1, const QString& in
            && ip({"-n", fullName(namespace2), "link", "set", interface2, "up"});
 }
 
+bool NetworkNamespaces::addLink(const QString& namespace1, const QString& interface1, const QString& address1,
+                                const QString& namespace2, const QString& interface2, const QString& address2)
+{
+    return addVethPair(namespace1, interface1, namespace2, interface2) && addAddress(namespace1, interface1, address1)
+           && addAddress(namespace2, interface2, address2);
+}
+
 bool NetworkNamespaces::addAddress(const QString& name, const QString& interface, const QString& address)
 {
     // No duplicate address detection: IPv6 addresses are usable at once.

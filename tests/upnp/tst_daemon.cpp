@@ -88,11 +88,10 @@ void tst_Daemon::init()
     backendOut.clear();
     dir.reset(new QTemporaryDir);
     namespaces.reset(new NetworkNamespaces);
-    QVERIFY2(namespaces->add(Dev) && namespaces->add(Cp) && namespaces->addVethPair(Dev, "dev0", Cp, "cp0")
+    QVERIFY2(namespaces->add(Dev) && namespaces->add(Cp)
+                 && namespaces->addLink(Dev, "dev0", "10.80.0.2/24", Cp, "cp0", "10.80.0.3/24")
                  && namespaces->addVethPair(Dev, "wlan0", Dev, "wl0p")
-                 && namespaces->run(Dev, {"ip", "link", "set", "wlan0", "address", "00:11:22:33:44:55"})
-                 && namespaces->addAddress(Dev, "dev0", "10.80.0.2/24")
-                 && namespaces->addAddress(Cp, "cp0", "10.80.0.3/24"),
+                 && namespaces->run(Dev, {"ip", "link", "set", "wlan0", "address", "00:11:22:33:44:55"}),
              qPrintable(namespaces->errorString()));
 
     for (const char* sub : {"sockets", "www", "files", "config/quarn", "bin"})

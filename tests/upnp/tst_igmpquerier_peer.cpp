@@ -116,9 +116,7 @@ void tst_IGMPQuerierPeer::init()
 {
     namespaces.reset(new NetworkNamespaces);
     QVERIFY2(namespaces->add(QuerierNs) && namespaces->add(HostNs)
-                 && namespaces->addVethPair(QuerierNs, "q0", HostNs, "h0")
-                 && namespaces->addAddress(QuerierNs, "q0", "10.77.0.2/24")
-                 && namespaces->addAddress(HostNs, "h0", "10.77.0.3/24"),
+                 && namespaces->addLink(QuerierNs, "q0", "10.77.0.2/24", HostNs, "h0", "10.77.0.3/24"),
              qPrintable(namespaces->errorString()));
     // The host speaks IGMPv2 and sends its unsolicited reports at once on a join.
     QVERIFY2(namespaces->run(HostNs, {"sysctl", "-qw", "net.ipv4.conf.h0.force_igmp_version=2",

@@ -60,12 +60,8 @@ void tst_UpnpCoordinator::init()
 {
     namespaces.reset(new NetworkNamespaces);
     QVERIFY2(namespaces->add(Device) && namespaces->add(ControlPoint)
-                 && namespaces->addVethPair(Device, "d0", ControlPoint, "c0")
-                 && namespaces->addVethPair(Device, "d1", ControlPoint, "c1")
-                 && namespaces->addAddress(Device, "d0", "10.78.0.2/24")
-                 && namespaces->addAddress(ControlPoint, "c0", "10.78.0.3/24")
-                 && namespaces->addAddress(Device, "d1", "10.79.0.2/24")
-                 && namespaces->addAddress(ControlPoint, "c1", "10.79.0.3/24"),
+                 && namespaces->addLink(Device, "d0", "10.78.0.2/24", ControlPoint, "c0", "10.78.0.3/24")
+                 && namespaces->addLink(Device, "d1", "10.79.0.2/24", ControlPoint, "c1", "10.79.0.3/24"),
              qPrintable(namespaces->errorString()));
     QVERIFY(namespaces->enter(ControlPoint));
     onD0.reset(new SsdpPeer("c0", QHostAddress("239.255.255.250")));
