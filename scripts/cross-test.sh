@@ -14,16 +14,35 @@ TARGETS="arm64:aarch64-linux-gnu armhf:arm-linux-gnueabihf"
 QT_PACKAGES="libqt5core5a libqt5network5 libqt5test5 qtbase5-dev qt5-qmake"
 QT_LIBRARIES="libqt5core5a libqt5network5 libqt5test5"
 
-# Makes apt know the packages of another architecture.
+# Packages of the list that apt has no candidate for: apt-cache prints
+# "Candidate: (none)", or nothing at all when it has no lists for the
+# architecture yet. (grep reads the whole output: with -q it would stop
+# early, and apt-cache's broken pipe would fail the pipeline.)
+without_candidate() {
+    local package
+    for package in "$@"; do
+        apt-cache policy "$package" 2>/dev/null | grep 'Candidate: [^(]' >/dev/null || printf ' %s' "$package"
+    done
+}
+
+# Makes apt know the target's packages: adds the architecture to dpkg, and
+# updates the lists when apt cannot find a candidate for every package.
 add_architecture() {
-    local arch=$1
+    local arch=$1 package packages=() missing
+    for package in $QT_PACKAGES; do packages+=("$package:$arch"); done
     if ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
-        [ "$(id -u)" -eq 0 ] || { echo "run as root to add the $arch architecture" >&2; return 1; }
+        [ "$(id -u)" -eq 0 ] || { echo "run as root (or with sudo) to add the $arch architecture" >&2; return 1; }
         dpkg --add-architecture "$arch"
     fi
-    if apt-cache policy "libqt5core5a:$arch" | grep -q 'Candidate: (none)'; then
-        # One index of the mirror may be mid-sync; the downloads below decide.
-        apt-get update -qq || echo "apt-get update reported an error; going on" >&2
+    missing=$(without_candidate "${packages[@]}")
+    [ -z "$missing" ] && return 0
+    [ "$(id -u)" -eq 0 ] || { echo "apt has no $arch lists for:$missing; run as root (or with sudo) to update them" >&2; return 1; }
+    # One index of the mirror may be mid-sync; what apt finds afterwards decides.
+    apt-get update -qq || echo "apt-get update reported an error; looking for the $arch packages anyway" >&2
+    missing=$(without_candidate "${packages[@]}")
+    if [ -n "$missing" ]; then
+        echo "apt finds no $arch package for:$missing (are the $arch lists reachable from /etc/apt/sources.list*?)" >&2
+        return 1
     fi
 }
 
@@ -43,7 +62,11 @@ make_target_root() {
     local closure
     closure=$(apt-cache depends --recurse --no-recommends --no-suggests --no-conflicts \
                   --no-breaks --no-replaces --no-enhances "${libraries[@]}" \
-              | grep -E "^[a-z0-9].*:$arch\$" | sort -u)
+              | grep -E "^[a-z0-9].*:$arch\$" | sort -u) || true
+    if [ -z "$closure" ]; then
+        echo "apt finds no $arch packages that ${QT_LIBRARIES// /, } need" >&2
+        return 1
+    fi
     # shellcheck disable=SC2086
     (cd "$root/debs" && apt-get download -q -o APT::Sandbox::User=root "${packages[@]}" $closure)
     local deb

@@ -10,7 +10,7 @@ ensure_packages() {
     done
     [ -z "$missing" ] && return 0
     if [ "$(id -u)" -ne 0 ]; then
-        echo "missing Debian packages:$missing (run as root to install them)" >&2
+        echo "missing Debian packages:$missing; run this script as root (or with sudo) to install them" >&2
         return 1
     fi
     echo "installing:$missing"
