@@ -16,7 +16,11 @@ ConfigCache::ConfigCache(QObject* parent) : QObject(parent)
 {
     if (!mInstance)
         mInstance = this;
+    // Until the first batch: single changes are dropped, so that the cache is
+    // always filled by a whole batch first; the other services' signals are
+    // held and follow the batch, so that their receivers find the settings in.
     SocketInterface::SignalWhiteList = {"configValueBatchUpdate"};
+    SocketInterface::SignalDropList = {"configValueChanged"};
 }
 
 ConfigCache::~ConfigCache()
@@ -173,7 +177,7 @@ void ConfigCache::configValueBatchUpdate(QStringList confvalues)
         // Listeners can leave expensive work to the last pair of a batch.
         emit valueChanged(confvalues.at(i), confvalues.at(i + 1), i + 2 < confvalues.size());
     }
-    // From now on single changes count too.
-    SocketInterface::SignalWhiteList.clear();
+    // From now on single changes count too; what was held comes now.
     batchReceived = true;
+    SocketInterface::releaseHeldSignals();
 }

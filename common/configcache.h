@@ -14,8 +14,9 @@ class SocketInterface;
 // are passed on as valueChanged. Values are strings, keys "section/key".
 //
 // Until the first complete batch has arrived, every RPC client of the
-// process delivers only the batch signal: the cache is always filled by a
-// whole batch before single changes count.
+// process delivers only the batch signal: single changes are dropped, so that
+// the cache is always filled by a whole batch before they count, and the
+// signals of other services are held and delivered right after the batch.
 class ConfigCache : public QObject
 {
     Q_OBJECT

@@ -29,6 +29,26 @@ QList<const SocketArgument*> pointers(const QList<SocketArgument>& arguments)
 
 quint16 SocketInterface::NextQueryId = 0;
 QSet<QByteArray> SocketInterface::SignalWhiteList;
+QSet<QByteArray> SocketInterface::SignalDropList;
+
+namespace {
+
+// A signal kept back by the gate for one receiver's slot.
+struct HeldSignal
+{
+    QPointer<QObject> receiver;
+    int slotIndex;
+    QVector<SocketArgument> values;
+};
+
+QList<HeldSignal> heldSignals;
+
+QByteArray signalName(const QByteArray& signature)
+{
+    return signature.left(signature.indexOf('('));
+}
+
+} // namespace
 
 SocketInterface::SocketInterface(SocketConnection::SocketType type, const QString& serviceName,
                                  const QString& socketDir, QObject* parent, QByteArray clientName)
@@ -302,6 +322,11 @@ void SocketInterface::onPostponedTimeout()
     const QPointer<SocketInterface> alive(this);
     while (alive && !postponedSignals.isEmpty()) {
         QPair<QByteArray, QVector<SocketArgument>> entry = postponedSignals.takeFirst();
+        if (!checkSignalWhiteList(entry.first)) {
+            if (!SignalDropList.contains(signalName(entry.first)))
+                holdSignal(entry.first, entry.second);
+            continue;
+        }
         if (signalObserver && checkSignalWhiteList(entry.first)) {
             signalObserver(entry.first, entry.second);
             if (!alive)
@@ -319,7 +344,35 @@ bool SocketInterface::checkSignalWhiteList(const QByteArray& signature)
 {
     if (SignalWhiteList.isEmpty())
         return true;
-    return SignalWhiteList.contains(signature.left(signature.indexOf('(')));
+    return SignalWhiteList.contains(signalName(signature));
+}
+
+void SocketInterface::holdSignal(const QByteArray& signature, const QVector<SocketArgument>& values) const
+{
+    // The receivers are taken now: the interface may be gone by the release.
+    const auto entry = subscriptions.constFind(QMetaObject::normalizedSignature(signature.constData()));
+    if (entry == subscriptions.constEnd())
+        return;
+    for (auto it = entry->cbegin(); it != entry->cend(); ++it)
+        for (const QPointer<QObject>& receiver : it.value())
+            if (receiver)
+                heldSignals.append({receiver, it.key(), values});
+}
+
+void SocketInterface::releaseHeldSignals()
+{
+    SignalWhiteList.clear();
+    SignalDropList.clear();
+    while (!heldSignals.isEmpty()) {
+        HeldSignal held = heldSignals.takeFirst();
+        if (!held.receiver)
+            continue;
+        QVector<void*> argv;
+        argv.append(nullptr); // no return value
+        for (SocketArgument& value : held.values)
+            argv.append(value.getDataPointer());
+        QMetaObject::metacall(held.receiver, QMetaObject::InvokeMetaMethod, held.slotIndex, argv.data());
+    }
 }
 
 void SocketInterface::emitDynamicSignal(const char* signature, void** argv)

@@ -96,8 +96,17 @@ public:
 
     // Process-wide, shared by all interfaces, wraps from 65535 to 0.
     static quint16 NextQueryId;
-    // Signal names delivered while not empty; empty: every signal.
+    // Process-wide gate for the signals of every interface. While the white
+    // list is not empty, signals named on it are delivered, signals named on
+    // the drop list are dropped, and all others are held: copied, in order of
+    // arrival, for the receivers subscribed at that moment. An empty white
+    // list delivers every signal.
     static QSet<QByteArray> SignalWhiteList;
+    static QSet<QByteArray> SignalDropList;
+    // Opens the gate: empties both lists, then delivers the held signals in
+    // the order they came to those of their receivers that still exist, even
+    // when the interface that received them is gone.
+    static void releaseHeldSignals();
 
 signals:
     void disconnected();
@@ -121,6 +130,7 @@ private:
     bool announceClientName(const QByteArray& name);
     void checkThread(const char* function, const QByteArray& detail) const;
     static bool checkSignalWhiteList(const QByteArray& signature);
+    void holdSignal(const QByteArray& signature, const QVector<SocketArgument>& values) const;
     void emitDynamicSignal(const char* signature, void** argv);
     void emitDynamicSignalLater();
     void setError(const QString& text);

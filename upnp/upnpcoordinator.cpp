@@ -78,6 +78,7 @@ void UpnpCoordinator::removeInterface(const QString& name)
         advertiser->deleteLater();
     }
     advertisers.erase(it);
+    pending.remove(name);
 }
 
 void UpnpCoordinator::rescanInterfaces()
@@ -107,18 +108,21 @@ void UpnpCoordinator::updateActiveAdvertisers(const QNetworkInterface& interface
         else
             obsolete.append(advertiser);
     }
-    if (fresh.isEmpty() && obsolete.isEmpty())
-        return;
-
-    if (fresh != pendingNewEntries || obsolete != pendingObsoleteAdvertisers) {
-        CLOG_AT(Info, 182) << "address changes not yet stable";
-        pendingNewEntries = fresh;
-        pendingObsoleteAdvertisers = obsolete;
+    if (fresh.isEmpty() && obsolete.isEmpty()) {
+        // Back to what is advertised: a change seen before has to be seen
+        // twice again.
+        pending.remove(name);
         return;
     }
 
-    pendingNewEntries.clear();
-    pendingObsoleteAdvertisers.clear();
+    PendingChange& change = pending[name];
+    if (fresh != change.newEntries || obsolete != change.obsoleteAdvertisers) {
+        CLOG_AT(Info, 182) << "address changes not yet stable";
+        change = {fresh, obsolete};
+        return;
+    }
+
+    pending.remove(name);
     const bool hadAny = hadAdvertisers;
     // A new boot id tells control points that the device's addresses changed.
     if (hadAny)

@@ -15,8 +15,9 @@
 
 // Keeps one SSDP endpoint (UpnpInterfaceHandler) for every usable address of
 // every interface it serves. It rescans the interfaces every 10 s and applies
-// an address change only once two consecutive scans agree on it, so that
-// addresses that come and go during a link change are never announced. It
+// a change of an interface's addresses only once two consecutive scans agree
+// on it, so that addresses that come and go during a link change are never
+// announced. Each interface is judged on its own. It
 // holds what all endpoints announce: UDN, SERVER text, device types, boot id,
 // config id, and the IGMP querier switch.
 class UpnpCoordinator : public QObject
@@ -75,11 +76,16 @@ private:
     QTimer rescanTimer;
     bool hadAdvertisers = false;
     bool enableIGMPQuerier;
-    // The change seen by the last scan that was not applied yet. Shared by all
-    // interfaces: while two interfaces change at once, neither is applied until
-    // only one of them keeps changing.
-    QList<QNetworkAddressEntry> pendingNewEntries;
-    QList<UpnpInterfaceHandler*> pendingObsoleteAdvertisers;
+    // A change of one interface's addresses seen by the last scan and not yet
+    // applied. Kept per interface: interfaces that change at the same time
+    // (Ethernet and WLAN coming up together), or one whose addresses change
+    // on every scan, never hold up each other.
+    struct PendingChange
+    {
+        QList<QNetworkAddressEntry> newEntries;
+        QList<UpnpInterfaceHandler*> obsoleteAdvertisers;
+    };
+    QMap<QString, PendingChange> pending;
     UpnpTimings durations;
 };
 
