@@ -92,5 +92,7 @@ quint32 Ssdp::responseSpan(const QByteArray& mx)
     const uint seconds = mx.toUInt(&isNumber);
     if (!isNumber)
         return 3000;
-    return std::min(seconds, 5u) * 1000;
+    // MX 0 is answered as MX 1: a span of 0 would leave the raw random draw,
+    // up to 24 days, as the delay, and such answers would fill the schedule.
+    return std::min(std::max(seconds, 1u), 5u) * 1000;
 }

@@ -49,8 +49,8 @@ struct Message
 // not closed by a line break.
 Message parse(const QByteArray& datagram);
 
-// How long a searcher lets answers take, from its MX value: min(MX, 5) seconds
-// in milliseconds, 3000 ms when MX is not a number. 0 for MX 0.
+// How long a searcher lets answers take, from its MX value: MX seconds, kept
+// within 1 to 5, in milliseconds; 3000 ms when MX is not a number.
 quint32 responseSpan(const QByteArray& mx);
 
 } // namespace Ssdp

@@ -100,6 +100,10 @@ void UpnpCoordinator::updateActiveAdvertisers(const QNetworkInterface& interface
     for (const QNetworkAddressEntry& entry : interface.addressEntries())
         if (isUsableAddress(entry))
             fresh.append(entry);
+    // Searchers on any subnet of the interface are answered, also while a
+    // change of its addresses waits to be stable.
+    const QList<QNetworkAddressEntry> usable = fresh;
+    onAllAdvertisers(name, [&usable](UpnpInterfaceHandler* advertiser) { advertiser->setInterfaceAddresses(usable); });
 
     QList<UpnpInterfaceHandler*> obsolete;
     for (UpnpInterfaceHandler* advertiser : advertisers.value(name)) {
@@ -130,6 +134,8 @@ void UpnpCoordinator::updateActiveAdvertisers(const QNetworkInterface& interface
     for (const QNetworkAddressEntry& entry : qAsConst(fresh)) {
         CLOG_AT(Info, 197) << name << "advertising on" << entry.ip().toString();
         createAdvertiser(QString::fromUtf8(locationTemplate.constData()), interface, entry);
+        if (!advertisers.value(name).isEmpty())
+            advertisers.value(name).last()->setInterfaceAddresses(usable);
     }
     for (UpnpInterfaceHandler* advertiser : qAsConst(obsolete)) {
         CLOG_AT(Info, 202) << name << "removing obsolete advertiser" << advertiser->addressEntry().ip().toString();

@@ -16,13 +16,16 @@
 UpnpInterfaceHandler::UpnpInterfaceHandler(const QNetworkInterface& interface,
                                            const QNetworkAddressEntry& addressEntry,
                                            const QHostAddress& groupAddress, const QByteArray& location,
-                                           UpnpCoordinator* coordinator)
+                                           UpnpCoordinator* coordinator, int answerBudget)
     : QObject(coordinator),
       coordinator(coordinator),
       interface(interface),
       entry(addressEntry),
       group(groupAddress),
-      locationUrl(location)
+      locationUrl(location),
+      onLinkSubnets{{addressEntry.ip(), addressEntry.prefixLength()}},
+      answers([this](const QHostAddress& host, quint16 port, int target) { return sendAnswer(host, port, target); },
+              answerBudget)
 {
     announceTimer.setSingleShot(true);
     connect(&announceTimer, &QTimer::timeout, this, &UpnpInterfaceHandler::sendAlive);
@@ -157,6 +160,7 @@ void UpnpInterfaceHandler::sendAlive()
 
 void UpnpInterfaceHandler::sendUpdate()
 {
+    answerTexts.clear();
     sendAdvertisements(Ssdp::Update);
     sendSecondBurst(Ssdp::Update);
 }
@@ -194,24 +198,60 @@ void UpnpInterfaceHandler::onDatagramReceived()
 
 void UpnpInterfaceHandler::handleMSearch(const QNetworkDatagram& datagram, const Ssdp::Headers& headers)
 {
+    if (!isOnLink(datagram.senderAddress()))
+        return;
     if (!headers.contains("man") || !headers.contains("mx") || !headers.contains("st"))
         return;
     if (headers.value("man") != "\"ssdp:discover\"")
         return;
     const QMap<QByteArray, QByteArray> replies = calculateStReplies(headers.value("st"));
     const quint32 span = Ssdp::responseSpan(headers.value("mx"));
-    for (auto it = replies.cbegin(); it != replies.cend() && pendingAnswers < MaxPendingAnswers; ++it) {
-        const quint32 draw = quint32(std::rand());
-        // MX 0 leaves the raw draw as the delay, as the platform's division by zero did.
-        const quint32 delay = span == 0 ? draw : draw % span;
+    const QByteArray udn = "uuid:" + coordinator->uuid();
+    for (auto it = replies.cbegin(); it != replies.cend(); ++it) {
+        const quint32 delay = quint32(std::rand()) % span;
+        const int target = it.key() == Ssdp::RootDevice ? 0
+                           : it.key() == udn            ? 1
+                                                        : 2 + coordinator->deviceTypes().indexOf(it.key());
         // Addressed to the searcher, out through the interface the search came in on.
-        const QNetworkDatagram reply = datagram.makeReply(buildSearchReply(it.key(), it.value()));
-        ++pendingAnswers;
-        QTimer::singleShot(int(delay), this, [this, reply] {
-            --pendingAnswers;
-            socket.writeDatagram(reply);
-        });
+        answers.schedule(datagram.senderAddress(), quint16(datagram.senderPort()), target, delay);
     }
+}
+
+bool UpnpInterfaceHandler::sendAnswer(const QHostAddress& host, quint16 port, int target)
+{
+    if (answerTexts.isEmpty()) {
+        const QByteArray udn = "uuid:" + coordinator->uuid();
+        answerTexts << buildSearchReply(Ssdp::RootDevice, udn + "::" + Ssdp::RootDevice) << buildSearchReply(udn, udn);
+        for (const QByteArray& type : coordinator->deviceTypes())
+            answerTexts << buildSearchReply(type, udn + "::" + type);
+    }
+    if (target >= answerTexts.size())
+        return true; // the device type went meanwhile
+    QNetworkDatagram answer(answerTexts.at(target), host, port);
+    answer.setInterfaceIndex(uint(interface.index()));
+    if (socket.writeDatagram(answer) >= 0)
+        return true;
+    // A full send buffer drains within moments: the answer waits for it.
+    return errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS;
+}
+
+void UpnpInterfaceHandler::setInterfaceAddresses(const QList<QNetworkAddressEntry>& entries)
+{
+    onLinkSubnets.clear();
+    for (const QNetworkAddressEntry& address : entries)
+        if (address.ip().protocol() == entry.ip().protocol())
+            onLinkSubnets.append({address.ip(), address.prefixLength()});
+    if (onLinkSubnets.isEmpty())
+        onLinkSubnets.append({entry.ip(), entry.prefixLength()});
+}
+
+bool UpnpInterfaceHandler::isOnLink(const QHostAddress& source) const
+{
+    if (source.protocol() == QAbstractSocket::IPv6Protocol && source.isLinkLocal())
+        return true;
+    return std::any_of(onLinkSubnets.cbegin(), onLinkSubnets.cend(), [&source](const QPair<QHostAddress, int>& subnet) {
+        return source.isInSubnet(subnet.first, subnet.second);
+    });
 }
 
 QMap<QByteArray, QByteArray> UpnpInterfaceHandler::calculateStReplies(const QByteArray& st) const

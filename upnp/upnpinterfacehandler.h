@@ -1,6 +1,7 @@
 #ifndef UPNPINTERFACEHANDLER_H
 #define UPNPINTERFACEHANDLER_H
 
+#include "ssdpanswerschedule.h"
 #include "ssdpmessage.h"
 
 #include <QElapsedTimer>
@@ -11,6 +12,7 @@
 #include <QObject>
 #include <QTimer>
 #include <QUdpSocket>
+#include <QVector>
 
 #include <memory>
 
@@ -46,13 +48,9 @@ class UpnpInterfaceHandler : public QObject
     Q_OBJECT
 
 public:
-    // Answers scheduled at once at most: a flood of searches, or searches
-    // with MX 0 whose answers may wait for weeks, cannot grow without bound.
-    static constexpr int MaxPendingAnswers = 1024;
-
     UpnpInterfaceHandler(const QNetworkInterface& interface, const QNetworkAddressEntry& addressEntry,
                          const QHostAddress& groupAddress, const QByteArray& location,
-                         UpnpCoordinator* coordinator);
+                         UpnpCoordinator* coordinator, int answerBudget = SsdpAnswerSchedule::DefaultBudget);
     ~UpnpInterfaceHandler() override;
 
     // Each alive or update burst goes out twice, a short random pause apart;
@@ -64,8 +62,14 @@ public:
     void setEnableIGMPQuerier(bool on);
 
     // Validates a search and schedules one answer per matching target, each
-    // after its own random delay within the searcher's MX.
+    // after its own random delay within the searcher's MX. Searches from
+    // outside the link are dropped: an answer is eight times the size of a
+    // search, and must not be reflected at a forged source elsewhere.
     void handleMSearch(const QNetworkDatagram& datagram, const Ssdp::Headers& headers);
+    // The interface's addresses as the last scan found them: a searcher in
+    // one of their subnets (or at an IPv6 link-local address) is on the link.
+    void setInterfaceAddresses(const QList<QNetworkAddressEntry>& entries);
+    bool isOnLink(const QHostAddress& source) const;
     // ST -> USN of every target that answers st, ordered by ST.
     QMap<QByteArray, QByteArray> calculateStReplies(const QByteArray& st) const;
     QByteArray buildSearchReply(const QByteArray& st, const QByteArray& usn) const;
@@ -75,6 +79,7 @@ public:
     const QHostAddress& groupAddress() const { return group; }
     const QByteArray& location() const { return locationUrl; }
     IGMPQuerier* igmpQuerier() const { return querier.get(); }
+    const SsdpAnswerSchedule& answerSchedule() const { return answers; }
 
 private slots:
     void tryJoinMulticastGroup();
@@ -84,6 +89,7 @@ private:
     void sendSingleAdvertisement(const QByteArray& nts, const QByteArray& nt, const QByteArray& usn);
     void sendAdvertisements(const QByteArray& nts);
     void sendSecondBurst(const QByteArray& nts);
+    bool sendAnswer(const QHostAddress& host, quint16 port, int target);
     bool joinGroup();
     bool addressStillAssigned() const;
     void unpinSourceAddress();
@@ -98,7 +104,12 @@ private:
     QTimer announceTimer;
     QElapsedTimer joinErrorTimer;
     qint32 suppressedCount = 0;
-    int pendingAnswers = 0;
+    QList<QPair<QHostAddress, int>> onLinkSubnets;
+    SsdpAnswerSchedule answers;
+    // The answer texts by target (root device, UUID, each device type),
+    // made when first needed and again after every change of the shared
+    // values, which always comes with an update burst.
+    QVector<QByteArray> answerTexts;
 };
 
 #endif // UPNPINTERFACEHANDLER_H

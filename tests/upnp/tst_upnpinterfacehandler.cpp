@@ -59,8 +59,8 @@ void tst_UpnpInterfaceHandler::init()
 {
     namespaces.reset(new NetworkNamespaces);
     QVERIFY2(namespaces->add(Device) && namespaces->add(ControlPoint)
-                 && namespaces->addLink(Device, "d0", "10.78.0.2/24", ControlPoint, "c0", "10.78.0.3/24")
-                 && namespaces->addLink(Device, "d1", "10.79.0.2/24", ControlPoint, "c1", "10.79.0.3/24"),
+                 && namespaces->addLink(Device, "d0", "192.0.2.2/24", ControlPoint, "c0", "192.0.2.3/24")
+                 && namespaces->addLink(Device, "d1", "198.51.100.2/24", ControlPoint, "c1", "198.51.100.3/24"),
              qPrintable(namespaces->errorString()));
     UpnpTimings timings;
     timings.aliveRepeatMinimum = 400;
@@ -102,15 +102,15 @@ void tst_UpnpInterfaceHandler::aliveUpdateAndByeByeBursts()
     std::unique_ptr<SsdpPeer> controlPoint = peer("c0"), ipv6Point = peer("c0", QHostAddress("ff02::c")),
                               onD1 = peer("c1");
     QVERIFY(controlPoint && ipv6Point && onD1);
-    UpnpInterfaceHandler* handler = endpoint("d0", "10.78.0.2", Ipv4Group);
+    UpnpInterfaceHandler* handler = endpoint("d0", "192.0.2.2", Ipv4Group);
     UpnpInterfaceHandler* ipv6Handler = endpoint("d0", linkLocal, QHostAddress("ff02::c%d0"));
-    UpnpInterfaceHandler* shortLived = endpoint("d1", "10.79.0.2", Ipv4Group);
+    UpnpInterfaceHandler* shortLived = endpoint("d1", "198.51.100.2", Ipv4Group);
     QVERIFY(handler && ipv6Handler && shortLived);
 
     // Gone within 100 ms: only the byebye burst, and none of the answers it had scheduled.
     QTest::qWait(50);
     QNetworkDatagram search("", Ipv4Group, 1900);
-    search.setSender(QHostAddress("10.79.0.3"), onD1->searchPort());
+    search.setSender(QHostAddress("198.51.100.3"), onD1->searchPort());
     search.setInterfaceIndex(uint(shortLived->networkInterface().index()));
     shortLived->handleMSearch(search, {{"man", "\"ssdp:discover\""}, {"mx", "1"}, {"st", "ssdp:all"}});
     shortLived->sendByeBye();
@@ -127,10 +127,10 @@ void tst_UpnpInterfaceHandler::aliveUpdateAndByeByeBursts()
     const QList<QByteArray> expectedUsn{u + "::upnp:rootdevice", u, u + "::" + TypeA, u + "::" + TypeB};
     for (int i = 0; i < 8; ++i) {
         const QNetworkDatagram& datagram = alive.at(i).datagram;
-        QCOMPARE(datagram.data(), Ssdp::notifyMessage("239.255.255.250", "http://10.78.0.2:80/quarn.upnp",
+        QCOMPARE(datagram.data(), Ssdp::notifyMessage("239.255.255.250", "http://192.0.2.2:80/quarn.upnp",
                                                       expectedNt.at(i % 4), "ssdp:alive", coordinator->serverString(),
                                                       expectedUsn.at(i % 4), coordinator->bootId(), 0xFFFFFFFF));
-        QCOMPARE(datagram.senderAddress(), QHostAddress("10.78.0.2"));
+        QCOMPARE(datagram.senderAddress(), QHostAddress("192.0.2.2"));
         QCOMPARE(datagram.senderPort(), 1900);
         QCOMPARE(datagram.hopLimit(), 2);
     }
@@ -164,8 +164,8 @@ void tst_UpnpInterfaceHandler::aliveUpdateAndByeByeBursts()
 void tst_UpnpInterfaceHandler::searchesAreAnsweredPerTargetWithinTheMx()
 {
     // Both endpoints share the group's port: each answers only searches from its own link.
-    const QList<UpnpInterfaceHandler*> handlers{endpoint("d0", "10.78.0.2", Ipv4Group),
-                                                endpoint("d1", "10.79.0.2", Ipv4Group)};
+    const QList<UpnpInterfaceHandler*> handlers{endpoint("d0", "192.0.2.2", Ipv4Group),
+                                                endpoint("d1", "198.51.100.2", Ipv4Group)};
     QVERIFY(handlers.at(0) && handlers.at(1));
     auto search = [](const QByteArray& st, const QByteArray& mx = "MX: 1\r\n",
                      const QByteArray& man = "MAN: \"ssdp:discover\"\r\n") {
@@ -186,6 +186,7 @@ void tst_UpnpInterfaceHandler::searchesAreAnsweredPerTargetWithinTheMx()
         {"ssdp:all: every target with its own ST", search("ssdp:all"), all, 1000, 5},
         {"MX 120 counts as 5", search("ssdp:all", "MX: 120\r\n"), all, 5000, 5},
         {"non-numeric MX", search("ssdp:all", "MX: soon\r\n"), all, 3000, 5},
+        {"MX 0 counts as 1", search("ssdp:all", "MX: 0\r\n"), all, 1000, 5},
         {"on the other link", search("ssdp:all"), all, 1000, 1, 1},
         {"root device", search("upnp:rootdevice"), {"upnp:rootdevice"}},
         {"device UUID", search(u), {u}},
@@ -243,7 +244,7 @@ void tst_UpnpInterfaceHandler::joinFailuresAreLoggedOncePerWindow()
     // No group memberships allowed: every join fails with ENOBUFS.
     QVERIFY(namespaces->run(Device, {"sysctl", "-qw", "net.ipv4.igmp_max_memberships=0"}));
     StdoutCapture capture;
-    const bool created = endpoint("d0", "10.78.0.2", Ipv4Group);
+    const bool created = endpoint("d0", "192.0.2.2", Ipv4Group);
     QTest::qWait(1200);
     const bool allowed = namespaces->run(Device, {"sysctl", "-qw", "net.ipv4.igmp_max_memberships=20"});
     QTest::qWait(300);

@@ -1,0 +1,128 @@
+#include "ssdpanswerschedule.h"
+
+#include <algorithm>
+
+namespace {
+
+// A full socket is tried again after this pause.
+constexpr int RetryMs = 2;
+// How long the host with the most pending answers is taken as known before
+// the hosts are counted again; the count is only needed while the budget is spent.
+constexpr qint64 LargestHostRecountMs = 50;
+
+} // namespace
+
+SsdpAnswerSchedule::SsdpAnswerSchedule(Sender sender, int budget, QObject* parent)
+    : QObject(parent), send(std::move(sender)), budget(budget)
+{
+    clock.start();
+    timer.setSingleShot(true);
+    timer.setTimerType(Qt::PreciseTimer);
+    connect(&timer, &QTimer::timeout, this, &SsdpAnswerSchedule::onTimeout);
+}
+
+SsdpAnswerSchedule::~SsdpAnswerSchedule()
+{
+    qDeleteAll(hosts);
+}
+
+// Heap order: the answer due first, and of those the one scheduled first, on top.
+bool SsdpAnswerSchedule::dueLater(const Answer& a, const Answer& b)
+{
+    return a.due != b.due ? a.due > b.due : qint32(a.order - b.order) > 0;
+}
+
+bool SsdpAnswerSchedule::schedule(const QHostAddress& address, quint16 port, int target, qint64 delayMs)
+{
+    Host*& host = hosts[address];
+    if (!host)
+        host = new Host{address};
+    if (pending >= budget) {
+        Host* victim = largestHost();
+        if (!victim || victim->pending <= host->pending) {
+            remove(host); // only when it holds nothing
+            return false;
+        }
+        // The newcomer takes the place of the largest holder's answer due first.
+        --victim->pending;
+        ++victim->evicted;
+        --pending;
+    }
+    ++host->pending;
+    ++pending;
+    if (!largest || host->pending > largest->pending)
+        largest = host;
+    const quint32 order = nextOrder++;
+    heap.push_back({clock.elapsed() + std::max<qint64>(delayMs, 0), host, order, port, quint8(target)});
+    std::push_heap(heap.begin(), heap.end(), dueLater);
+    if (heap.front().order == order)
+        arm();
+    return true;
+}
+
+int SsdpAnswerSchedule::pendingCount(const QHostAddress& address) const
+{
+    const Host* host = hosts.value(address);
+    return host ? host->pending : 0;
+}
+
+SsdpAnswerSchedule::Host* SsdpAnswerSchedule::largestHost()
+{
+    const qint64 now = clock.elapsed();
+    if (largest && largest->pending > 0 && largestCheckedAt >= 0 && now - largestCheckedAt < LargestHostRecountMs)
+        return largest;
+    largest = nullptr;
+    for (Host* host : qAsConst(hosts))
+        if (!largest || host->pending > largest->pending)
+            largest = host;
+    largestCheckedAt = now;
+    return largest;
+}
+
+void SsdpAnswerSchedule::remove(Host* host)
+{
+    if (host->pending > 0 || host->evicted > 0)
+        return;
+    hosts.remove(host->address);
+    if (largest == host)
+        largest = nullptr;
+    delete host;
+}
+
+void SsdpAnswerSchedule::onTimeout()
+{
+    const qint64 now = clock.elapsed();
+    for (int sent = 0; sent < AnswersPerTurn && !heap.empty() && heap.front().due <= now;) {
+        const Answer answer = heap.front();
+        Host* host = answer.host;
+        if (host->evicted > 0) {
+            --host->evicted;
+        } else if (send(host->address, answer.port, answer.target)) {
+            --host->pending;
+            --pending;
+            ++sent;
+        } else {
+            timer.start(RetryMs);
+            return;
+        }
+        std::pop_heap(heap.begin(), heap.end(), dueLater);
+        heap.pop_back();
+        remove(host);
+    }
+    if (heap.empty()) {
+        // Back to the idle footprint once drained.
+        std::vector<Answer>().swap(heap);
+        hosts = QHash<QHostAddress, Host*>();
+        largest = nullptr;
+    }
+    arm();
+}
+
+void SsdpAnswerSchedule::arm()
+{
+    if (heap.empty()) {
+        timer.stop();
+        return;
+    }
+    timer.start(int(std::max<qint64>(0, heap.front().due - clock.elapsed())));
+}
