@@ -18,6 +18,9 @@ namespace {
 constexpr quint32 AllHostsGroup = 0xE0000001;   // 224.0.0.1
 constexpr quint32 AllRoutersGroup = 0xE0000002; // 224.0.0.2
 constexpr int GeneralQueryResponseSeconds = 10;
+// The last member query interval: a host that is still a member answers a
+// group-specific query within it (RFC 2236, section 8.8).
+constexpr int GroupQueryResponseSeconds = 1;
 constexpr int MaxGroups = 100;
 constexpr int IPv4MinimumHeaderLength = 20;
 constexpr int IGMPMessageLength = 8;
@@ -81,6 +84,14 @@ bool IGMPQuerier::openSocket()
         CLOG(Error) << debugName() << "socket failed:" << QString::number(error) << std::strerror(error);
         return false;
     }
+    // Only this interface's traffic: queriers on two links with overlapping
+    // subnets must not hear each other.
+    const QByteArray name = interface.name().toLocal8Bit();
+    if (::setsockopt(rawSocket, SOL_SOCKET, SO_BINDTODEVICE, name.constData(), socklen_t(name.size())) != 0) {
+        const int error = errno;
+        CLOG(Warning) << debugName() << "failed to bind to the interface:" << QString::number(error)
+                      << std::strerror(error);
+    }
     // The kernel hands a raw socket only what is sent to groups this host is a
     // member of: other queriers' queries go to 224.0.0.1, hosts' leaves to
     // 224.0.0.2 (RFC 2236, section 3). Reports go to the group itself, so those
@@ -107,7 +118,7 @@ QByteArray IGMPQuerier::buildIGMPMessage(quint8 type, quint32 group, int maxResp
     QByteArray message(IGMPMessageLength, '\0');
     message[0] = char(type);
     message[1] = char(quint8(10 * maxResponseSeconds));
-    std::memcpy(message.data() + 4, &group, sizeof(group));
+    qToBigEndian(group, message.data() + 4);
     qToBigEndian(calculateIGMPChecksum(message), message.data() + 2);
     return message;
 }
@@ -170,7 +181,7 @@ void IGMPQuerier::sendGeneralQuery()
 
 void IGMPQuerier::sendGroupQuery(quint32 group)
 {
-    sendQuery(group, group, 0);
+    sendQuery(group, group, GroupQueryResponseSeconds);
 }
 
 void IGMPQuerier::onGeneralQueryTimerExpired()
@@ -220,12 +231,20 @@ void IGMPQuerier::handlePacket(const QByteArray& packet)
     if (!QHostAddress(source).isInSubnet(addressEntry.ip(), addressEntry.prefixLength()))
         return;
 
-    switch (quint8(message.at(0))) {
-    case MembershipQuery: handleQuery(source); break;
-    case Version2MembershipReport: handleReport(destination, false); break;
-    case Version1MembershipReport: handleReport(destination, true); break;
     // A leave goes to all routers and names the group it leaves in the message.
-    case LeaveGroup: handleLeave(qFromBigEndian<quint32>(message.constData() + 4)); break;
+    const quint8 type = quint8(message.at(0));
+    const quint32 group = type == LeaveGroup ? qFromBigEndian<quint32>(message.constData() + 4) : destination;
+    if (type == MembershipQuery) {
+        handleQuery(source);
+        return;
+    }
+    // Only multicast groups are tracked, and never all hosts, which every host is in.
+    if ((group >> 28) != 0xE || group == AllHostsGroup)
+        return;
+    switch (type) {
+    case Version2MembershipReport: handleReport(group, false); break;
+    case Version1MembershipReport: handleReport(group, true); break;
+    case LeaveGroup: handleLeave(group); break;
     default: break;
     }
 }

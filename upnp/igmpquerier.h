@@ -72,9 +72,9 @@ public:
                 Transmitter transmitter = Transmitter());
     ~IGMPQuerier() override;
 
-    // An 8-byte IGMPv2 message. The group is stored as this machine holds it in
-    // memory, not in network order: peers have always received group-specific
-    // queries that way. maxResponseSeconds is kept to the low 8 bits of its tenths.
+    // An 8-byte IGMPv2 message, the group in network order (RFC 2236, section
+    // 2). maxResponseSeconds is kept to the low 8 bits of its tenths; a query
+    // with 0 there reads as IGMPv1's and sends member hosts back to version 1.
     static QByteArray buildIGMPMessage(quint8 type, quint32 group, int maxResponseSeconds);
     // The Internet checksum (RFC 1071) over message with bytes 2 and 3 taken as
     // zero and an odd length padded with a zero byte; 0xFFFF for no bytes.

@@ -9,8 +9,8 @@
 
 namespace {
 
-const quint32 OwnAddress = 0x0A4D000A;  // 10.77.0.10
-const quint32 LowerAddress = 0x0A4D0001;
+const quint32 OwnAddress = 0xC000020A;  // 192.0.2.10
+const quint32 LowerAddress = 0xC0000201;
 const quint32 Group = 0xEFFFFFFA;       // 239.255.255.250
 const quint32 AllHosts = 0xE0000001;
 
@@ -40,7 +40,7 @@ struct Sent
     qint64 at;
 };
 
-// A querier on 10.77.0.10/24 whose messages land in a list.
+// A querier on 192.0.2.10/24 whose messages land in a list.
 struct RecordingQuerier
 {
     explicit RecordingQuerier(const IGMPTimings& timings = IGMPTimings())
@@ -76,7 +76,7 @@ struct RecordingQuerier
 // The query the querier sends for group: group-specific, or general for 0.
 QByteArray membershipQuery(quint32 group)
 {
-    return IGMPQuerier::buildIGMPMessage(IGMPQuerier::MembershipQuery, group, group ? 0 : 10);
+    return IGMPQuerier::buildIGMPMessage(IGMPQuerier::MembershipQuery, group, group ? 1 : 10);
 }
 
 } // namespace
@@ -123,10 +123,9 @@ void tst_IGMPQuerier::checksumsAndQueriesCarryTheGoldenBytes()
     // The response time is kept to 8 bits.
     QCOMPARE(IGMPQuerier::buildIGMPMessage(IGMPQuerier::MembershipQuery, 0, 26).toHex(' '),
              QByteArray("11 04 ee fb 00 00 00 00"));
-    if (QSysInfo::ByteOrder != QSysInfo::LittleEndian)
-        QSKIP("the group bytes are those of a little-endian machine");
-    // 239.1.2.3 stays in host byte order, as peers know it.
-    QCOMPARE(membershipQuery(0xEF010203).toHex(' '), QByteArray("11 00 ea 0e 03 02 01 ef"));
+    // A group-specific query for 239.1.2.3: the group in network order, a
+    // response time of 1 s. With 0 there, hosts would take it for IGMPv1's.
+    QCOMPARE(membershipQuery(0xEF010203).toHex(' '), QByteArray("11 0a fd f0 ef 01 02 03"));
 }
 
 void tst_IGMPQuerier::malformedPacketsAreDroppedSilently_data()
@@ -148,7 +147,9 @@ void tst_IGMPQuerier::malformedPacketsAreDroppedSilently_data()
     QTest::newRow("shorter than an IPv4 header") << valid.left(19) << false;
     QTest::newRow("message of 7 bytes, checksum right") << ipv4Packet(OwnAddress + 1, Group, seven) << false;
     QTest::newRow("bad checksum") << badChecksum << false;
-    QTest::newRow("foreign subnet") << ipv4Packet(0x0A4E0001, Group, report) << false;
+    QTest::newRow("foreign subnet") << ipv4Packet(0xC6336401, Group, report) << false;
+    QTest::newRow("report for all hosts") << ipv4Packet(OwnAddress + 1, AllHosts, hostMessage(0x16, AllHosts)) << false;
+    QTest::newRow("report for no group") << ipv4Packet(OwnAddress + 1, OwnAddress, hostMessage(0x16, OwnAddress)) << false;
     QTest::newRow("unknown type") << ipv4Packet(OwnAddress + 1, Group, hostMessage(0x99, Group)) << false;
 }
 
@@ -160,7 +161,7 @@ void tst_IGMPQuerier::malformedPacketsAreDroppedSilently()
     StdoutCapture capture;
     recorder.querier->handlePacket(packet);
     QCOMPARE(capture.take(), QByteArray());
-    QCOMPARE(recorder.groups().contains(Group), accepted);
+    QCOMPARE(!recorder.groups().isEmpty(), accepted);
     QCOMPARE(recorder.sent.size(), 1); // the start's general query only
 }
 
