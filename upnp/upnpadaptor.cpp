@@ -30,6 +30,29 @@ const char* const AvahiRestart = "systemctl restart avahi-daemon.service avahi-d
 
 enum NetworkEventCode { InterfaceUp = 3, InterfaceDown = 5 };
 
+// How long a change without a batch's last pair waits for more before Avahi restarts.
+constexpr int AvahiRestartDelayMs = 1000;
+
+const char* const FriendlyNamePrefix = "Orvella: ";
+// Avahi takes a service name of at most 63 bytes, a DNS label.
+constexpr int AvahiNameBytes = 63;
+
+// The longest start of name, cut at a character's boundary, that fits Avahi
+// behind the prefix, counted as Avahi reads the file: the double escaping
+// leaves "<" and ">" as "&lt;" and "&gt;", four bytes each.
+QString fitAvahiName(const QString& name)
+{
+    int bytes = int(qstrlen(FriendlyNamePrefix));
+    QString fitting;
+    for (const uint c : name.toUcs4()) {
+        bytes += c == '<' || c == '>' ? 4 : c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
+        if (bytes > AvahiNameBytes)
+            break;
+        fitting += QString::fromUcs4(&c, 1);
+    }
+    return fitting;
+}
+
 } // namespace
 
 CUpnpAdaptor::CUpnpAdaptor(QObject* parent) : SocketAdaptorWithPing(parent)
@@ -44,12 +67,28 @@ CUpnpAdaptor::CUpnpAdaptor(QObject* parent) : SocketAdaptorWithPing(parent)
     rescanInterval = own.value("timing/rescanInterval", 10000).toInt();
     avahiRestartPause = own.value("timing/avahiRestartPause", 2000).toInt();
 
+    avahiRestartTimer.setSingleShot(true);
+    connect(&avahiRestartTimer, &QTimer::timeout, this, &CUpnpAdaptor::restartAvahi);
+    avahiPauseTimer.setSingleShot(true);
+    connect(&avahiPauseTimer, &QTimer::timeout, this, [this] {
+        if (avahiRestartWanted) {
+            avahiRestartWanted = false;
+            restartAvahi();
+        }
+    });
+
     deviceUuid = makeDeviceUuid(Utils::getWlanMacAddress());
     // The files are written when the cache delivers name, serial number and brand.
     connect(ConfigCache::instance(), &ConfigCache::valueChanged, this, &CUpnpAdaptor::configValueChanged);
 }
 
-CUpnpAdaptor::~CUpnpAdaptor() = default;
+CUpnpAdaptor::~CUpnpAdaptor()
+{
+    if (avahiRestart) {
+        avahiRestart->kill();
+        avahiRestart->waitForFinished(1000);
+    }
+}
 
 QString CUpnpAdaptor::getModuleName()
 {
@@ -168,7 +207,7 @@ void CUpnpAdaptor::networkEvent(int code, QByteArray serConfig, int)
             upnpCoordinator->addInterface(interface);
         else
             pendingInterfaces.insert(interface);
-        restartAvahi();
+        scheduleAvahiRestart(false);
     } else if (code == InterfaceDown) {
         if (upnpCoordinator)
             upnpCoordinator->removeInterface(interface);
@@ -182,37 +221,43 @@ QString CUpnpAdaptor::exportProfilerStatistics(int sortColumn)
     return QStringLiteral("***Exporting profiler statistic for Upnp adaptor***\n") + TheProfiler.statistics(sortColumn);
 }
 
-void CUpnpAdaptor::configValueChanged(QString key, QString value, bool)
+void CUpnpAdaptor::configValueChanged(QString key, QString value, bool moreToCome)
 {
+    bool published = false; // a value that the files carry changed
     if (key == QLatin1String("generic/name")) {
-        if (value == name)
-            return;
-        CLOG_AT(Info, 86) << "generic name changed to " << value;
-        name = value;
-        updateFiles();
+        if (value != name) {
+            CLOG_AT(Info, 86) << "generic name changed to " << value;
+            name = value;
+            published = true;
+        }
     } else if (key == QLatin1String("generic/serialNumber")) {
-        if (value == serialNumber)
-            return;
-        CLOG_AT(Info, 94) << "generic serialNumber changed to " << value;
-        serialNumber = value;
-        updateFiles();
+        if (value != serialNumber) {
+            CLOG_AT(Info, 94) << "generic serialNumber changed to " << value;
+            serialNumber = value;
+            published = true;
+        }
     } else if (key == QLatin1String("generic/zan")) {
         const bool zan = value == QLatin1String("true");
-        if (zan == zanBrand)
-            return;
-        CLOG_AT(Info, 102) << "generic zan changed to " << value;
-        zanBrand = zan;
-        updateFiles();
+        if (zan != zanBrand) {
+            CLOG_AT(Info, 102) << "generic zan changed to " << value;
+            zanBrand = zan;
+            published = true;
+        }
     } else if (key == QLatin1String("debug/enableLogging")) {
         logging::__LoggingActive = value == QLatin1String("true");
     } else if (key == QLatin1String("network/igmpquerier")) {
         const bool enable = value == QLatin1String("true");
-        if (enable == igmpQuerier)
-            return;
-        igmpQuerier = enable;
-        if (upnpCoordinator)
-            upnpCoordinator->setEnableIGMPQuerier(enable);
+        if (enable != igmpQuerier) {
+            igmpQuerier = enable;
+            if (upnpCoordinator)
+                upnpCoordinator->setEnableIGMPQuerier(enable);
+        }
     }
+    if (published)
+        updateFiles();
+    // The end of a batch restarts what its earlier pairs asked for.
+    if (published || (!moreToCome && avahiRestartTimer.isActive()))
+        scheduleAvahiRestart(!moreToCome);
 }
 
 void CUpnpAdaptor::updateFiles()
@@ -226,7 +271,8 @@ void CUpnpAdaptor::updateFiles()
         if (upnpCoordinator)
             upnpCoordinator->setConfigId(config);
     }
-    restartAvahi();
+    if (!name.isEmpty())
+        setupDescriptionFile(true, serviceFilePath);
 }
 
 void CUpnpAdaptor::setupDescriptionFile(bool avahi, const QString& outputPath)
@@ -245,7 +291,15 @@ void CUpnpAdaptor::setupDescriptionFile(bool avahi, const QString& outputPath)
     QString text = in.readAll();
     templateFile.close();
 
-    text.replace(QLatin1String("@@friendlyname@@"), QStringLiteral("Orvella: ") + Utils::escapeXml(name));
+    QString shownName = name;
+    if (avahi) {
+        shownName = fitAvahiName(name);
+        if (shownName != name && cutAvahiName != shownName) {
+            cutAvahiName = shownName;
+            CLOG(Warning) << "the name is longer than Avahi takes; the service file carries" << shownName;
+        }
+    }
+    text.replace(QLatin1String("@@friendlyname@@"), FriendlyNamePrefix + Utils::escapeXml(shownName));
     text.replace(QLatin1String("@@udn@@"), Utils::escapeXml(deviceUuid.toString(QUuid::WithoutBraces)));
     text.replace(QLatin1String("@@serial@@"), Utils::escapeXml(serialNumber));
 
@@ -264,10 +318,41 @@ void CUpnpAdaptor::restartAvahi()
         CLOG_AT(Error, 154) << "refusing to restart Avahi while the Quarn name is empty";
         return;
     }
+    if (avahiRestart || avahiPauseTimer.isActive()) {
+        avahiRestartWanted = true;
+        return;
+    }
+    avahiRestartTimer.stop();
     CLOG_AT(Info, 158) << "restartAvahi";
     setupDescriptionFile(true, serviceFilePath);
-    // Avahi reads its service files only when it starts. The daemon waits for
-    // it, and a little longer, so that it publishes before anything else happens.
-    QProcess::execute(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), QLatin1String(AvahiRestart)});
-    QThread::msleep(ulong(avahiRestartPause));
+    // Avahi reads its service files only when it starts.
+    avahiRestart = new QProcess(this);
+    connect(avahiRestart, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), this,
+            &CUpnpAdaptor::onAvahiRestartFinished);
+    connect(avahiRestart, &QProcess::errorOccurred, this, [this](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart)
+            onAvahiRestartFinished();
+    });
+    avahiRestart->start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), QLatin1String(AvahiRestart)});
+}
+
+void CUpnpAdaptor::onAvahiRestartFinished()
+{
+    avahiRestart->deleteLater();
+    avahiRestart = nullptr;
+    // Time for Avahi to publish before it is restarted again.
+    avahiPauseTimer.start(avahiRestartPause);
+}
+
+bool CUpnpAdaptor::isAvahiRestartPending() const
+{
+    return avahiRestartTimer.isActive() || avahiRestart || avahiRestartWanted;
+}
+
+void CUpnpAdaptor::scheduleAvahiRestart(bool batchComplete)
+{
+    if (batchComplete)
+        avahiRestartTimer.start(0); // on the next turn, after what the batch brought along
+    else if (!avahiRestartTimer.isActive() || avahiRestartTimer.interval() != 0)
+        avahiRestartTimer.start(AvahiRestartDelayMs);
 }

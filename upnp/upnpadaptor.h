@@ -7,10 +7,12 @@
 #include <QDir>
 #include <QSet>
 #include <QString>
+#include <QTimer>
 #include <QUuid>
 
 #include <memory>
 
+class QProcess;
 class SocketInterface;
 class UpnpCoordinator;
 
@@ -39,8 +41,11 @@ public:
     // escaped name, UDN and serial number and writes it to outputPath.
     void setupDescriptionFile(bool avahi, const QString& outputPath);
     // Rewrites the service file and restarts Avahi; refused while the name is
-    // empty. Blocks the daemon for the restart and two seconds after it.
+    // empty. Never waits: a restart runs beside the event loop, and a restart
+    // asked for while one runs, or in the pause after it that lets Avahi
+    // publish, follows once that pause is over.
     void restartAvahi();
+    bool isAvahiRestartPending() const;
     void createCoordinator();
 
     const QUuid& uuid() const { return deviceUuid; }
@@ -56,6 +61,12 @@ public slots:
 
 private:
     void updateFiles();
+    // Avahi withdraws and re-announces all of the controller's records on
+    // every restart: changes that come together cost one. A batch restarts
+    // at its last pair; changes without one, and interfaces coming up, a
+    // second after the last of them.
+    void scheduleAvahiRestart(bool batchComplete);
+    void onAvahiRestartFinished();
 
     QString name;
     QString serialNumber;
@@ -73,6 +84,11 @@ private:
     // Tuning for development and tests, from the daemon's own settings.
     int rescanInterval;
     int avahiRestartPause;
+    QTimer avahiRestartTimer;
+    QProcess* avahiRestart = nullptr;
+    QTimer avahiPauseTimer;
+    bool avahiRestartWanted = false;
+    QString cutAvahiName; // the last name cut to Avahi's length, warned about once
 };
 
 #endif // UPNPADAPTOR_H
