@@ -21,7 +21,8 @@ public:
         qint64 at; // milliseconds since the peer was made
     };
 
-    SsdpPeer(const QString& interfaceName, const QHostAddress& group)
+    // Searches leave from source, or from the address the kernel picks.
+    SsdpPeer(const QString& interfaceName, const QHostAddress& group, const QHostAddress& source = QHostAddress())
         : interface(QNetworkInterface::interfaceFromName(interfaceName)), group(group)
     {
         clock.start();
@@ -29,7 +30,11 @@ public:
                                                                                   : QHostAddress::AnyIPv4;
         listening = notifySocket.bind(any, 1900, QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint)
                     && notifySocket.joinMulticastGroup(group, interface)
-                    && searchSocket.bind(any, 0);
+                    && searchSocket.bind(source.isNull() ? any : source, 0);
+        // Room for the answers of a flood of searches while the test is busy sending.
+        const int answerBuffer = 32 << 20;
+        ::setsockopt(int(searchSocket.socketDescriptor()), SOL_SOCKET, SO_RCVBUFFORCE, &answerBuffer,
+                     sizeof(answerBuffer));
         searchSocket.setMulticastInterface(interface);
         // Only the group's traffic on this interface, not what other links of the namespace carry.
         const int off = 0;
@@ -48,7 +53,11 @@ public:
     void send(const QByteArray& text)
     {
         QNetworkDatagram datagram(text, group, 1900);
-        datagram.setInterfaceIndex(uint(interface.index()));
+        // An interface index would make the kernel pick the source address;
+        // a socket bound to one leaves through the multicast interface.
+        const QHostAddress source = searchSocket.localAddress();
+        if (source == QHostAddress::AnyIPv4 || source == QHostAddress::AnyIPv6)
+            datagram.setInterfaceIndex(uint(interface.index()));
         searchSocket.writeDatagram(datagram);
     }
 
@@ -80,6 +89,13 @@ private:
     QUdpSocket searchSocket;
     bool listening = false;
 };
+
+// A search for st that lets answers take mx seconds.
+inline QByteArray ssdpSearch(const QByteArray& st, const QByteArray& mx = "1")
+{
+    return "M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nMX: " + mx + "\r\nST: " + st
+           + "\r\n\r\n";
+}
 
 // The value of one header of an SSDP text, or empty.
 inline QByteArray ssdpHeader(const QByteArray& text, const QByteArray& name)

@@ -1,8 +1,10 @@
 // The whole daemon: the real upnp binary with the simulated backend in a
-// private network namespace ("dev", with a wireless interface whose MAC gives
-// the UUID), watched from a control point's namespace ("cp") by our own SSDP
-// peer, GSSDP and GUPnP; its files served over HTTP and handed to a real
-// avahi-daemon. System log through a private /dev/log.
+// private network namespace ("dev", two links and a wireless interface whose
+// MAC gives the UUID), watched from a control point's namespace ("cp") by our
+// own SSDP peers, GSSDP, GUPnP and the kernel as IGMP host; its files served
+// over HTTP and handed to a real avahi-daemon. System log through a private
+// /dev/log. The backend starts the way controllers start: the stages back to
+// back, the links announced as the daemon subscribes.
 #include "interfaceaddress.h"
 #include "netns.h"
 #include "socketinterface.h"
@@ -12,11 +14,14 @@
 #include <QCryptographicHash>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtEndian>
 #include <QtTest>
 
 #include <csignal>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -25,6 +30,31 @@ const char* const Dev = "dev";
 const char* const Cp = "cp";
 const QByteArray Udn = "33221100-5511-4433-0011-443311332211";
 const QByteArray DeviceType = "urn:tessaline:device:Quarn:1";
+const QHostAddress SsdpGroup("239.255.255.250");
+const QStringList NaturalStart{"--stages", "--interface", "dev0", "--interface", "dev1"};
+
+// Sends one IGMPv2 message from the calling thread's namespace, as any host
+// on the link could.
+bool sendIgmp(quint8 type, const char* group, const char* destination, const char* interface)
+{
+    const int raw = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_IGMP);
+    QByteArray message(8, '\0');
+    message[0] = char(type);
+    qToBigEndian(QHostAddress(group).toIPv4Address(), message.data() + 4);
+    quint32 sum = 0;
+    for (int i = 0; i < 8; i += 2)
+        sum += quint8(message[i]) << 8 | quint8(message[i + 1]);
+    qToBigEndian(quint16(~((sum & 0xFFFF) + (sum >> 16))), message.data() + 2);
+    ip_mreqn out = {};
+    out.imr_ifindex = QNetworkInterface::interfaceIndexFromName(interface);
+    sockaddr_in to = {};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = qToBigEndian(QHostAddress(destination).toIPv4Address());
+    const bool sent = ::setsockopt(raw, IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof(out)) == 0
+                      && ::sendto(raw, message.constData(), 8, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) == 8;
+    ::close(raw);
+    return sent;
+}
 
 } // namespace
 
@@ -36,17 +66,14 @@ private slots:
     void initTestCase();
     void init();
     void cleanup();
-    void stagesLeadToAdvertisingOnceTheWebSettingsExist();
+    void naturalStartIsDiscoveredAndNoHostSilencesIt();
     void nameChangeReachesFilesAvahiAndControlPoints();
     void stageZeroWithoutSystemServiceIsFatal();
     void stageThreeWaitsForTheDatabase();
 
 private:
-    bool startBackend(QProcess* backend, const QStringList& without = {});
+    bool startBackend(QProcess* backend, const QStringList& arguments);
     bool startDaemon();
-    // Stages 0 to 3 through the simulated supervisor; dev0 announced when the
-    // daemon has its configuration, as the system service does.
-    void bringUp();
     QVariant control(const char* method, const SocketArgument& a1 = SocketArgument(),
                      const SocketArgument& a2 = SocketArgument());
     bool logged(const QByteArray& text) const;
@@ -89,7 +116,8 @@ void tst_Daemon::init()
     dir.reset(new QTemporaryDir);
     namespaces.reset(new NetworkNamespaces);
     QVERIFY2(namespaces->add(Dev) && namespaces->add(Cp)
-                 && namespaces->addLink(Dev, "dev0", "10.80.0.2/24", Cp, "cp0", "10.80.0.3/24")
+                 && namespaces->addLink(Dev, "dev0", "192.0.2.2/24", Cp, "cp0", "192.0.2.3/24")
+                 && namespaces->addLink(Dev, "dev1", "198.51.100.2/24", Cp, "cp1", "198.51.100.3/24")
                  && namespaces->addVethPair(Dev, "wlan0", Dev, "wl0p")
                  && namespaces->run(Dev, {"ip", "link", "set", "wlan0", "address", "00:11:22:33:44:55"}),
              qPrintable(namespaces->errorString()));
@@ -107,9 +135,11 @@ void tst_Daemon::init()
                   "[data]\nwwwpath=" + dir->filePath("www").toUtf8() + "\nconstpath=" SOURCE_DIR "/upnp/data\n"));
     QVERIFY(write("config/quarn/upnp.conf", "[timing]\nrescanInterval=300\navahiRestartPause=50\n"));
     QVERIFY(write("database.txt", "generic/name=Living room\ngeneric/serialNumber=SN-0815\ngeneric/zan=false\n"
-                                  "network/igmpquerier=false\ndebug/enableLogging=true\n"));
-    // No init system here: the daemon's Avahi restarts are recorded instead.
-    QVERIFY(write("bin/systemctl", "#!/bin/sh\necho \"$@\" >> " + dir->filePath("systemctl.log").toUtf8() + "\n"));
+                                  "network/igmpquerier=true\ndebug/enableLogging=true\n"));
+    QVERIFY(write("www/settings.json", "{}"));
+    // No init system here: the daemon's Avahi restarts are recorded, and take a while.
+    QVERIFY(write("bin/systemctl", "#!/bin/sh\necho \"$@\" >> " + dir->filePath("systemctl.log").toUtf8()
+                                       + "\nsleep 3\necho done >> " + dir->filePath("systemctl.log").toUtf8() + "\n"));
     QFile(dir->filePath("bin/systemctl")).setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
 
@@ -123,13 +153,11 @@ void tst_Daemon::cleanup()
     namespaces.reset();
 }
 
-bool tst_Daemon::startBackend(QProcess* process, const QStringList& without)
+bool tst_Daemon::startBackend(QProcess* process, const QStringList& arguments)
 {
-    QStringList arguments{"netns", "exec", namespaces->fullName(Dev), BINARY_DIR "/tools/simbackend",
-                          "--socket-dir", dir->filePath("sockets"), "--config", dir->filePath("database.txt")};
-    for (const QString& service : without)
-        arguments << "--without" << service;
-    process->start("ip", arguments);
+    process->start("ip", QStringList{"netns", "exec", namespaces->fullName(Dev), BINARY_DIR "/tools/simbackend",
+                                     "--socket-dir", dir->filePath("sockets"), "--config", dir->filePath("database.txt")}
+                             + arguments);
     // The main backend's output is gathered by its readyRead handler.
     QByteArray other;
     QByteArray& out = process == &backend ? backendOut : other;
@@ -149,13 +177,7 @@ bool tst_Daemon::startDaemon()
     daemon.setProcessChannelMode(QProcess::ForwardedChannels);
     daemon.start("ip", {"netns", "exec", namespaces->fullName(Dev), SOURCE_DIR "/scripts/with-private-devlog.sh",
                         dir->filePath("log.sock"), BINARY_DIR "/upnp/upnp"});
-    if (!daemon.waitForStarted())
-        return false;
-    QElapsedTimer waiting;
-    waiting.start();
-    while (!QFile::exists(dir->filePath("sockets/com.zan.ravo.upnp")) && waiting.elapsed() < 5000)
-        QTest::qWait(20);
-    return QFile::exists(dir->filePath("sockets/com.zan.ravo.upnp"));
+    return daemon.waitForStarted();
 }
 
 QVariant tst_Daemon::control(const char* method, const SocketArgument& a1, const SocketArgument& a2)
@@ -194,49 +216,102 @@ QByteArray tst_Daemon::runInCp(const QStringList& command)
     return process.readAllStandardOutput() + process.readAllStandardError();
 }
 
-void tst_Daemon::bringUp()
+void tst_Daemon::naturalStartIsDiscoveredAndNoHostSilencesIt()
 {
-    QVERIFY(startBackend(&backend));
+    // A searcher outside the link could be answered through the default
+    // route: only the daemon's own rule keeps answers on the link.
+    QVERIFY(namespaces->addAddress(Cp, "cp0", "203.0.113.5/24")
+            && namespaces->run(Dev, {"ip", "route", "add", "default", "via", "192.0.2.3"}) && namespaces->enter(Cp));
+    SsdpPeer onCp0("cp0", SsdpGroup), onCp1("cp1", SsdpGroup), flooder("cp0", SsdpGroup), zeroMx("cp0", SsdpGroup),
+        searcher("cp0", SsdpGroup), offLink("cp0", SsdpGroup, QHostAddress("203.0.113.5"));
+    SsdpPeer ipv6Cp0("cp0", QHostAddress("ff02::c")), ipv6Cp1("cp1", QHostAddress("ff02::c"));
+    QVERIFY(namespaces->leave());
+    QProcess tcpdump;
+    tcpdump.start("ip", {"netns", "exec", namespaces->fullName(Cp), "tcpdump", "-i", "cp0", "-n", "-l", "igmp"});
+    QVERIFY(tcpdump.waitForStarted());
+    for (const SsdpPeer* peer : {&onCp0, &onCp1, &flooder, &zeroMx, &searcher, &offLink, &ipv6Cp0, &ipv6Cp1})
+        QVERIFY(peer->isValid());
+
+    QVERIFY(startBackend(&backend, NaturalStart));
     QVERIFY(startDaemon());
-    control("runStage", 0);
-    QTRY_VERIFY_WITH_TIMEOUT(backendOut.contains("supervisor: stage 0 done"), 5000);
-    // Events from other services count only once the configuration is in.
-    QTRY_VERIFY_WITH_TIMEOUT(logged("generic serialNumber changed to"), 5000);
-    control("interfaceUp", QString("dev0"));
-    for (int stage = 1; stage <= 3; ++stage) {
-        control("runStage", stage);
-        QTRY_VERIFY_WITH_TIMEOUT(backendOut.contains(QByteArray("supervisor: stage ") + QByteArray::number(stage) + " done"),
-                                 5000);
-    }
-}
-
-void tst_Daemon::stagesLeadToAdvertisingOnceTheWebSettingsExist()
-{
-    QVERIFY(namespaces->enter(Cp));
-    SsdpPeer controlPoint("cp0", QHostAddress("239.255.255.250"));
-    QVERIFY(namespaces->leave() && controlPoint.isValid());
-    bringUp();
-
-    // Each stage reached the diagnosis service at once.
+    // Both links, over IPv4 and IPv6 link-local: root device, UUID, device type.
+    for (const SsdpPeer* peer : {&onCp0, &onCp1, &ipv6Cp0, &ipv6Cp1})
+        QTRY_VERIFY_WITH_TIMEOUT(peer->notifiesWith("ssdp:alive").size() >= 3, 5000);
+    const QByteArray alive = onCp1.notifiesWith("ssdp:alive").last().datagram.data();
+    QCOMPARE(ssdpHeader(alive, "LOCATION"), QByteArray("http://198.51.100.2:80/quarn.upnp"));
+    QCOMPARE(ssdpHeader(alive, "CONFIGID.UPNP.ORG").toUInt(), configIdOfDescription());
     QStringList stages;
     for (const QString& ping : control("pings").toStringList())
-        if (stages.isEmpty() || stages.last() != ping)
+        if (!stages.contains(ping))
             stages << ping;
-    QCOMPARE(stages.filter("com.zan.ravo.upnp").mid(0, 4),
-             QStringList({"com.zan.ravo.upnp 0", "com.zan.ravo.upnp 1", "com.zan.ravo.upnp 2", "com.zan.ravo.upnp 3"}));
-    QVERIFY(logged("upnpadaptor.cpp        325 delaying coordinator creation, " + dir->filePath("www/settings.json").toUtf8()
-                   + " does not exist yet"));
+    QCOMPARE(stages, QStringList({"com.zan.ravo.upnp 0", "com.zan.ravo.upnp 1", "com.zan.ravo.upnp 2",
+                                  "com.zan.ravo.upnp 3"}));
 
-    // An empty settings file does not count; the interface announced before
-    // the coordinator existed is served once it does.
-    QFile settings(dir->filePath("www/settings.json"));
-    QVERIFY(settings.open(QIODevice::WriteOnly));
-    settings.close();
-    QTest::qWait(1500);
-    QVERIFY(controlPoint.notifiesWith().isEmpty());
-    QVERIFY(settings.open(QIODevice::WriteOnly) && settings.write("{}") == 2);
-    settings.close();
+    // One Avahi restart for the first batch and the links announced with it;
+    // searches are answered while it runs.
+    QCOMPARE(file("systemctl.log"), QByteArray("restart avahi-daemon.service avahi-daemon.socket\n"));
+    searcher.send(ssdpSearch("ssdp:all"));
+    QTRY_COMPARE_WITH_TIMEOUT(searcher.answers.size(), 3, 1500);
+    QVERIFY(!file("systemctl.log").contains("done"));
+
+    // A flood of 10,000 searches a second, for a second, gets all its answers,
+    // and so does a searcher that behaves meanwhile; MX 0 counts as MX 1.
+    QElapsedTimer flood;
+    flood.start();
+    for (int i = 0; i < 10000 && flood.elapsed() < 3000; ++i) {
+        flooder.send(ssdpSearch("ssdp:all"));
+        if (i % 1000 == 0)
+            searcher.send(ssdpSearch("ssdp:all", "3"));
+        if (i < 400)
+            zeroMx.send(ssdpSearch("ssdp:all", "0"));
+        while (flood.elapsed() * 10 < i)
+            QCoreApplication::processEvents();
+    }
+    offLink.send(ssdpSearch("ssdp:all"));
+
+    QTRY_COMPARE_WITH_TIMEOUT(flooder.answers.size(), 30000, 8000);
+    QTRY_COMPARE_WITH_TIMEOUT(searcher.answers.size(), 3 + 30, 4000);
+    QTRY_COMPARE_WITH_TIMEOUT(zeroMx.answers.size(), 1200, 2000);
+    QCOMPARE(zeroMx.answers.last().at - zeroMx.answers.first().at < 2500, true);
+    // Nothing is reflected to a source outside the link.
+    QVERIFY(offLink.answers.isEmpty());
+
+    // A leave, forged or not, is checked with RFC 2236's group-specific
+    // query: the hosts that are still members, the device's own kernel among
+    // them, stay on IGMPv2 and answer with a v2 report.
+    QVERIFY(namespaces->enter(Cp));
+    const bool forged = sendIgmp(0x16, "239.255.255.250", "239.255.255.250", "cp0")
+                        && sendIgmp(0x17, "239.255.255.250", "224.0.0.2", "cp0");
+    QVERIFY(namespaces->leave() && forged);
+    QByteArray queries;
+    const QByteArray groupQuery = "192.0.2.2 > 239.255.255.250: igmp query v2 [max resp time 10] [gaddr 239.255.255.250]";
+    QTRY_VERIFY2_WITH_TIMEOUT((queries += tcpdump.readAllStandardOutput()).contains(groupQuery)
+                                  && queries.mid(queries.indexOf(groupQuery)).contains("igmp v2 report 239.255.255.250"),
+                              queries, 4000);
+    for (const char* ns : {Cp, Dev}) {
+        QByteArray igmp;
+        QVERIFY(namespaces->run(ns, {"cat", "/proc/net/igmp"}, &igmp));
+        QVERIFY2(QRegularExpression(ns + QString("0 *: *[0-9]+ *V2")).match(QString::fromLatin1(igmp)).hasMatch(), igmp);
+    }
+    tcpdump.kill();
+    tcpdump.waitForFinished();
+
+    control("quitModule");
+    QVERIFY(daemon.waitForFinished(5000));
+    QCOMPARE(daemon.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(daemon.exitCode(), 0);
+    QTRY_VERIFY(onCp0.notifiesWith("ssdp:byebye").size() >= 3 && onCp1.notifiesWith("ssdp:byebye").size() >= 3);
+}
+
+void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
+{
+    QVERIFY(namespaces->enter(Cp));
+    SsdpPeer controlPoint("cp0", SsdpGroup);
+    QVERIFY(namespaces->leave() && controlPoint.isValid());
+    QVERIFY(startBackend(&backend, NaturalStart));
+    QVERIFY(startDaemon());
     QTRY_VERIFY_WITH_TIMEOUT(controlPoint.notifiesWith("ssdp:alive").size() >= 3, 5000);
+    const quint32 firstId = configIdOfDescription();
 
     // GSSDP finds the root device over IPv4 and over IPv6 link-local.
     QVERIFY(namespaces->enter(Dev));
@@ -246,68 +321,44 @@ void tst_Daemon::stagesLeadToAdvertisingOnceTheWebSettingsExist()
                              "upnp:rootdevice", "--seconds", "3"};
     const QByteArray root = "available uuid:" + Udn + "::upnp:rootdevice ";
     QByteArray found = runInCp(browse);
-    QVERIFY2(found.contains(root + "http://10.80.0.2:80/quarn.upnp\n"), found);
+    QVERIFY2(found.contains(root + "http://192.0.2.2:80/quarn.upnp\n"), found);
     found = runInCp(browse + QStringList{"--ipv6"});
     QVERIFY2(found.contains(root + "http://[" + linkLocal.toUtf8() + "]:80/quarn.upnp\n"), found);
-
-    const QByteArray alive = controlPoint.notifiesWith("ssdp:alive").last().datagram.data();
-    QCOMPARE(ssdpHeader(alive, "LOCATION"), QByteArray("http://10.80.0.2:80/quarn.upnp"));
-    QCOMPARE(ssdpHeader(alive, "NT"), DeviceType);
-    QCOMPARE(ssdpHeader(alive, "USN"), "uuid:" + Udn + "::" + DeviceType);
-    QCOMPARE(ssdpHeader(alive, "CONFIGID.UPNP.ORG").toUInt(), configIdOfDescription());
-    QVERIFY(file("systemctl.log").startsWith("restart avahi-daemon.service avahi-daemon.socket\n"));
-
-    control("quitModule");
-    QVERIFY(daemon.waitForFinished(5000));
-    QCOMPARE(daemon.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(daemon.exitCode(), 0);
-    QTRY_VERIFY(controlPoint.notifiesWith("ssdp:byebye").size() >= 3);
-}
-
-void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
-{
-    QFile settings(dir->filePath("www/settings.json"));
-    QVERIFY(settings.open(QIODevice::WriteOnly) && settings.write("{}") == 2);
-    settings.close();
-    QVERIFY(namespaces->enter(Cp));
-    SsdpPeer controlPoint("cp0", QHostAddress("239.255.255.250"));
-    QVERIFY(namespaces->leave() && controlPoint.isValid());
-    bringUp();
-    QTRY_VERIFY_WITH_TIMEOUT(controlPoint.notifiesWith("ssdp:alive").size() >= 3, 5000);
-    const quint32 firstId = configIdOfDescription();
 
     // The description is served where LOCATION points; GUPnP fetches and reads it.
     QProcess http;
     http.start("ip", {"netns", "exec", namespaces->fullName(Dev), "/usr/bin/python3", "-m", "http.server", "80",
-                      "--bind", "10.80.0.2", "--directory", dir->filePath("files")});
-    QVERIFY(http.waitForStarted());
-    QTest::qWait(500);
+                      "--bind", "192.0.2.2", "--directory", dir->filePath("files")});
+    QVERIFY(http.waitForStarted() && namespaces->enter(Cp));
+    QTcpSocket web;
+    QTRY_VERIFY((web.abort(), web.connectToHost("192.0.2.2", 80), web.waitForConnected(100)));
+    QVERIFY(namespaces->leave());
     const QStringList describe{"/usr/bin/python3", SOURCE_DIR "/tools/upnp-describe", "--interface", "cp0",
                                "--seconds", "4"};
-    QByteArray found = runInCp(describe);
-    QVERIFY2(found.contains("device uuid:" + Udn + " http://10.80.0.2:80/quarn.upnp friendlyName=Orvella: Living room "
+    found = runInCp(describe);
+    QVERIFY2(found.contains("device uuid:" + Udn + " http://192.0.2.2:80/quarn.upnp friendlyName=Orvella: Living room "
                             "manufacturer=Tessaline modelName=Quarn serialNumber=SN-0815"),
              found);
 
     // GSSDP watches while the name changes.
-    QProcess browse;
-    browse.start("ip", {"netns", "exec", namespaces->fullName(Cp), "/usr/bin/python3", SOURCE_DIR "/tools/ssdp-browse",
-                        "--interface", "cp0", "--target", DeviceType, "--notifies", "--seconds", "4"});
-    QVERIFY(browse.waitForStarted());
-    QTest::qWait(1000);
-    const int restarts = file("systemctl.log").count('\n');
+    QProcess browseUpdates;
+    browseUpdates.start("ip", {"netns", "exec", namespaces->fullName(Cp), "/usr/bin/python3", SOURCE_DIR "/tools/ssdp-browse",
+                               "--interface", "cp0", "--target", DeviceType, "--notifies", "--seconds", "4"});
+    QVERIFY(browseUpdates.waitForStarted());
+    QTest::qWait(1000); // GSSDP is listening
+    QTRY_VERIFY_WITH_TIMEOUT(file("systemctl.log").contains("done"), 5000);
     control("setConfigValue", QString("generic/name"), QString("A&B <x>"));
     QTRY_VERIFY_WITH_TIMEOUT(file("files/quarn.upnp").contains("Orvella: A&amp;B &amp;lt;x&amp;gt;"), 5000);
     QTRY_VERIFY_WITH_TIMEOUT(file("files/tessaline-quarn.service").contains("<name>Orvella: A&amp;B &amp;lt;x&amp;gt;</name>"),
                              5000);
     const quint32 secondId = configIdOfDescription();
     QVERIFY(secondId != firstId && secondId < 16777216);
-    QTRY_COMPARE_WITH_TIMEOUT(file("systemctl.log").count('\n'), restarts + 1, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(file("systemctl.log").count("restart"), 2, 5000);
     QTRY_VERIFY_WITH_TIMEOUT(!controlPoint.notifiesWith("ssdp:update").isEmpty(), 5000);
     QCOMPARE(ssdpHeader(controlPoint.notifiesWith("ssdp:update").last().datagram.data(), "CONFIGID.UPNP.ORG").toUInt(),
              secondId);
-    QTRY_COMPARE_WITH_TIMEOUT(browse.state(), QProcess::NotRunning, 10000);
-    const QByteArray watched = browse.readAllStandardOutput();
+    QTRY_COMPARE_WITH_TIMEOUT(browseUpdates.state(), QProcess::NotRunning, 10000);
+    const QByteArray watched = browseUpdates.readAllStandardOutput();
     QVERIFY2(watched.contains("notify ssdp:update " + DeviceType + " uuid:" + Udn + "::" + DeviceType)
                  && watched.contains(" configid=" + QByteArray::number(secondId) + "\n"),
              watched);
@@ -355,9 +406,8 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
 
 void tst_Daemon::stageZeroWithoutSystemServiceIsFatal()
 {
-    QVERIFY(startBackend(&backend, {"system"}));
+    QVERIFY(startBackend(&backend, {"--stages", "--without", "system"}));
     QVERIFY(startDaemon());
-    control("runStage", 0);
     QVERIFY(daemon.waitForFinished(5000));
     QCOMPARE(daemon.exitStatus(), QProcess::CrashExit);
     QTRY_VERIFY(logged("Cannot connect to service com.zan.ravo.system"));
@@ -369,18 +419,16 @@ void tst_Daemon::stageZeroWithoutSystemServiceIsFatal()
 
 void tst_Daemon::stageThreeWaitsForTheDatabase()
 {
-    QVERIFY(startBackend(&backend, {"database"}));
+    QVERIFY(startBackend(&backend, {"--stages", "--without", "database"}));
     QVERIFY(startDaemon());
-    control("runStage", 0);
-    QTRY_VERIFY_WITH_TIMEOUT(backendOut.contains("supervisor: stage 0 done"), 5000);
+    QTRY_VERIFY_WITH_TIMEOUT(backendOut.contains("supervisor: stage 2 done"), 5000);
     QTRY_VERIFY(logged("failed to open interface to database ServerNotFoundError"));
-    control("runStage", 3);
     QTest::qWait(2000);
     QVERIFY(!backendOut.contains("supervisor: stage 3 done"));
 
     // The database comes (a second simulated backend); the stage completes.
     QProcess database;
-    QVERIFY(startBackend(&database, {"system", "diagnosis"}));
+    QVERIFY(startBackend(&database, {"--without", "system", "--without", "diagnosis"}));
     QTRY_VERIFY_WITH_TIMEOUT(backendOut.contains("supervisor: stage 3 done"), 5000);
     database.kill();
     database.waitForFinished();
