@@ -37,4 +37,4 @@ ensure_packages() {
 BUILD_PACKAGES="cmake make g++ qtbase5-dev"
 # The real peers of the tests: tcpdump as IGMP decoder, GSSDP and GUPnP
 # (python3-gi) as SSDP and UPnP control points, avahi-daemon for the service file.
-TEST_PACKAGES="iproute2 util-linux mount tcpdump python3-gi gir1.2-gssdp-1.6 gir1.2-gupnp-1.6 avahi-daemon"
+TEST_PACKAGES="iproute2 util-linux mount procps tcpdump python3-gi gir1.2-gssdp-1.6 gir1.2-gupnp-1.6 avahi-daemon"
