@@ -167,12 +167,12 @@ void tst_SsdpMessage::parserAcceptsAndDrops()
 
 void tst_SsdpMessage::responseSpanFollowsMx()
 {
-    // min(MX, 5) seconds; 3 s when MX is not a number.
+    // MX seconds within 1 to 5; 3 s when MX is not a number.
     const struct
     {
         const char* mx;
         uint span;
-    } rows[] = {{"1", 1000}, {"5", 5000}, {"120", 5000}, {"0", 0}, {"", 3000},
+    } rows[] = {{"1", 1000}, {"5", 5000}, {"120", 5000}, {"0", 1000}, {"", 3000},
                 {"-1", 3000}, {"two", 3000}, {"2s", 3000}, {"99999999999", 3000}};
     for (const auto& row : rows)
         QVERIFY2(Ssdp::responseSpan(row.mx) == row.span, row.mx);
