@@ -4,11 +4,16 @@
 #include "logginginterface.h"
 #include "socketinterface.h"
 
+#include <algorithm>
+
 ConfigCache* ConfigCache::mInstance = nullptr;
 
 namespace {
 
 const char* const DatabaseService = "com.zan.ravo.database";
+constexpr int FirstRetryMs = 1000;
+constexpr int LastRetryMs = 30000;
+constexpr qint64 ConnectErrorLogMs = 10000;
 
 } // namespace
 
@@ -21,6 +26,8 @@ ConfigCache::ConfigCache(QObject* parent) : QObject(parent)
     // held and follow the batch, so that their receivers find the settings in.
     SocketInterface::SignalWhiteList = {"configValueBatchUpdate"};
     SocketInterface::SignalDropList = {"configValueChanged"};
+    retryTimer.setSingleShot(true);
+    connect(&retryTimer, &QTimer::timeout, this, &ConfigCache::connectToDatabase);
 }
 
 ConfigCache::~ConfigCache()
@@ -61,9 +68,16 @@ bool ConfigCache::connectToDatabase()
                                     DatabaseService, settings.socketDir, this);
     if (!interface->isValid()) {
         // Left in place until the next attempt.
-        CLOG(Error) << "failed to open interface to database" << interface->errorText();
+        if (!connectErrorLogged.isValid() || connectErrorLogged.elapsed() >= ConnectErrorLogMs) {
+            CLOG(Error) << "failed to open interface to database" << interface->errorText();
+            connectErrorLogged.start();
+        }
+        retryLater();
         return false;
     }
+    retryTimer.stop();
+    retryDelay = 0;
+    connectErrorLogged.invalidate();
     interface->connectDynamicSignal("configValueChanged(QString, QString, bool)", this,
                                     "configValueChanged(QString, QString, bool)");
     interface->connectDynamicSignal("configValueBatchUpdate(QStringList)", this,
@@ -74,10 +88,23 @@ bool ConfigCache::connectToDatabase()
 
 void ConfigCache::databaseDisconnected()
 {
-    // The cached values stay readable.
-    if (interface)
-        interface->deleteLater();
+    // The cached values stay readable. Signals that came before the end, a
+    // batch among them, are still delivered: they are queued for the event
+    // loop's next turn, and the interface goes after that.
+    if (interface) {
+        SocketInterface* gone = interface;
+        QTimer::singleShot(0, gone, [gone] { gone->deleteLater(); });
+    }
     interface = nullptr;
+    retryLater();
+}
+
+void ConfigCache::retryLater()
+{
+    if (retryTimer.isActive())
+        return;
+    retryDelay = retryDelay == 0 ? FirstRetryMs : std::min(2 * retryDelay, LastRetryMs);
+    retryTimer.start(retryDelay);
 }
 
 QString ConfigCache::getConfigValue(const QString& key, bool* ok)
@@ -93,14 +120,16 @@ QString ConfigCache::getConfigValue(const QString& key, bool* ok)
         if (!interface) {
             CLOG(Error) << "failed to get config value for" << key << "- not connected to database";
         } else {
-            const SocketArgument result =
-                interface->call(SocketInterface::CallWithReturn, "getConfigValue", key);
-            if (!interface->hasError() && result.isValid()) {
+            // The database may go during the call: the interface then stays
+            // until the event loop's next turn, but no longer as the cache's.
+            SocketInterface* database = interface;
+            const SocketArgument result = database->call(SocketInterface::CallWithReturn, "getConfigValue", key);
+            if (!database->hasError() && result.isValid()) {
                 found = true;
                 value = result.toQString();
                 valueCache.insert(key, value);
             } else {
-                CLOG(Error) << "getConfigValue call for key" << key << "failed:" << interface->errorText();
+                CLOG(Error) << "getConfigValue call for key" << key << "failed:" << database->errorText();
             }
         }
     }
@@ -126,10 +155,11 @@ bool ConfigCache::setConfigValue(const QString& key, const QString& value, bool 
         CLOG(Error) << "failed to set config value:" << key << value << "- not connected to database";
         return false;
     }
-    interface->call(blocking ? SocketInterface::CallWithReturn : SocketInterface::CallWithoutReturn,
-                    "setConfigValue", key, value, flag);
-    if (interface->hasError()) {
-        CLOG(Error) << "setConfigValue call failed:" << interface->errorText();
+    SocketInterface* database = interface; // may stop being the cache's during the call
+    database->call(blocking ? SocketInterface::CallWithReturn : SocketInterface::CallWithoutReturn,
+                   "setConfigValue", key, value, flag);
+    if (database->hasError()) {
+        CLOG(Error) << "setConfigValue call failed:" << database->errorText();
         return false;
     }
     return true;
@@ -145,13 +175,14 @@ bool ConfigCache::getFeatureSupport(const QString& feature, bool* ok)
     } else if (!interface) {
         CLOG(Error) << "failed to get feature support for" << feature << "- not connected to database";
     } else {
-        const SocketArgument result = interface->call(SocketInterface::CallWithReturn, "getFeatureValue", feature);
-        if (!interface->hasError() && result.isValid()) {
+        SocketInterface* database = interface; // may stop being the cache's during the call
+        const SocketArgument result = database->call(SocketInterface::CallWithReturn, "getFeatureValue", feature);
+        if (!database->hasError() && result.isValid()) {
             found = true;
             supported = result.toBool();
             featureCache.insert(feature, supported);
         } else {
-            CLOG(Error) << "getFeatureValue call failed:" << interface->errorText();
+            CLOG(Error) << "getFeatureValue call failed:" << database->errorText();
         }
     }
     if (ok)

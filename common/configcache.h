@@ -1,10 +1,12 @@
 #ifndef CONFIGCACHE_H
 #define CONFIGCACHE_H
 
+#include <QElapsedTimer>
 #include <QMap>
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
 
 class SocketInterface;
 
@@ -29,7 +31,10 @@ public:
     static ConfigCache* instance();
     static void deleteInstance();
 
-    // Makes sure a valid connection exists; the cache never reconnects by itself.
+    // Makes sure a valid connection exists. While there is none (the database
+    // is not up yet, or went away), the cache tries again by itself, 1 s after
+    // the failure and then at doubling pauses up to 30 s; a database that
+    // comes back sends its batch, which replaces the cache.
     bool connectToDatabase();
     bool isConnected() const;
     bool isBatchReceived() const { return batchReceived; }
@@ -55,8 +60,12 @@ public slots:
 
 private:
     bool setConfigValue(const QString& key, const QString& value, bool flag, bool blocking);
+    void retryLater();
 
     SocketInterface* interface = nullptr;
+    QTimer retryTimer;
+    int retryDelay = 0;
+    QElapsedTimer connectErrorLogged; // the error is written at most every 10 s
     QMap<QString, QString> valueCache;
     QMap<QString, bool> featureCache;
     bool batchReceived = false;

@@ -3,6 +3,8 @@
 
 #include <QString>
 
+class QSettings;
+
 // The web root, set by the daemon at start-up from the database settings
 // ("data/wwwpath"); the web front end writes its "settings.json" there.
 extern QString WWWDir;
@@ -22,5 +24,11 @@ struct DatabaseSettings
 };
 
 DatabaseSettings readDatabaseSettings();
+
+// A whole number of the settings within minimum and maximum. Anything else
+// (no number, out of range) gives defaultValue, with one warning that names
+// the file, the key and the value: a setting mistyped by hand must neither
+// spin the daemon nor stall it.
+int readNumberSetting(const QSettings& settings, const QString& key, int defaultValue, int minimum, int maximum);
 
 #endif // DEFAULTS_H

@@ -1,8 +1,12 @@
 #include "logginginterface.h"
 
+#include "defaults.h"
+
 #include <QCoreApplication>
 #include <QLoggingCategory>
 #include <QSettings>
+
+#include <climits>
 
 #include <algorithm>
 #include <cerrno>
@@ -292,9 +296,9 @@ void initLogging(bool debug, bool trace, bool info, bool console)
 void initLoggingByConfig()
 {
     const QSettings settings;
-    const bool debug = settings.value("logging/debug", "0").toInt() != 0;
-    const bool trace = settings.value("logging/trace", "0").toInt() != 0;
-    const bool silence = settings.value("logging/silenceisgolden", "0").toInt() != 0;
+    const bool debug = readNumberSetting(settings, "logging/debug", 0, INT_MIN, INT_MAX) != 0;
+    const bool trace = readNumberSetting(settings, "logging/trace", 0, INT_MIN, INT_MAX) != 0;
+    const bool silence = readNumberSetting(settings, "logging/silenceisgolden", 0, INT_MIN, INT_MAX) != 0;
     initLogging(debug, trace, !silence, false);
 }
 

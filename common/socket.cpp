@@ -79,7 +79,8 @@ void LocalSocket::onError(QLocalSocket::LocalSocketError code)
 
 bool LocalSocket::isValid() const
 {
-    return socket && socket->isValid();
+    // An unconnected socket stays open as a device: the state tells.
+    return socket && socket->isValid() && socket->state() != QLocalSocket::UnconnectedState;
 }
 
 bool LocalSocket::waitForConnected(int ms)

@@ -20,6 +20,7 @@
 #include <QMap>
 #include <QPointer>
 #include <QSocketNotifier>
+#include <QThread>
 #include <QTimer>
 
 #include <csignal>
@@ -71,8 +72,9 @@ class Database : public SocketAdaptor
     Q_OBJECT
 
 public:
-    Database(QMap<QString, QString> initialValues, QMap<QString, bool> initialFeatures)
-        : values(std::move(initialValues)), features(std::move(initialFeatures))
+    // readDelay: how long each single read takes, as of a database that is busy.
+    Database(QMap<QString, QString> initialValues, QMap<QString, bool> initialFeatures, int readDelay)
+        : values(std::move(initialValues)), features(std::move(initialFeatures)), readDelay(readDelay)
     {
         // Queued: the subscription arrives while the connection's bytes are
         // being parsed, and the answer is written to that very connection.
@@ -113,6 +115,10 @@ public slots:
 
     QString getConfigValue(QString key)
     {
+        if (readDelay > 0) {
+            say("database", QStringLiteral("reading ") + key);
+            QThread::msleep(ulong(readDelay));
+        }
         const auto it = values.constFind(key);
         if (it == values.cend()) {
             say("database", QStringLiteral("read ") + key + QStringLiteral(": unknown"));
@@ -138,6 +144,7 @@ public slots:
 private:
     QMap<QString, QString> values;
     QMap<QString, bool> features;
+    int readDelay;
 };
 
 // The system service: network events for interfaces going up and down. It
@@ -438,10 +445,11 @@ int main(int argc, char* argv[])
     const QCommandLineOption interfaceOption("interface", "An interface that is up (repeatable).", "NAME");
     const QCommandLineOption featureOption("feature", "A database feature (repeatable).", "NAME=true|false");
     const QCommandLineOption stagesOption("stages", "Run the daemon's stages 0 to 3 once it can be reached.");
+    const QCommandLineOption readDelayOption("read-delay", "The database answers each single read after MS.", "MS");
     const QCommandLineOption withoutOption("without", "Do not offer this service (repeatable).",
-                                           "database|system|diagnosis");
+                                           "database|system|diagnosis|control");
     parser.addOptions({socketDirOption, tcpOption, configOption, interfaceOption, featureOption, stagesOption,
-                       withoutOption});
+                       readDelayOption, withoutOption});
     parser.process(app);
 
     if (!parser.isSet(socketDirOption) || !parser.positionalArguments().isEmpty()) {
@@ -450,8 +458,8 @@ int main(int argc, char* argv[])
     }
     const QStringList without = parser.values(withoutOption);
     for (const QString& name : without) {
-        if (name != "database" && name != "system" && name != "diagnosis") {
-            std::fprintf(stderr, "simbackend: --without takes database, system or diagnosis, not %s\n",
+        if (name != "database" && name != "system" && name != "diagnosis" && name != "control") {
+            std::fprintf(stderr, "simbackend: --without takes database, system, diagnosis or control, not %s\n",
                          qPrintable(name));
             return Usage;
         }
@@ -496,7 +504,7 @@ int main(int argc, char* argv[])
     std::unique_ptr<System> system;
     std::unique_ptr<Diagnosis> diagnosis;
     if (!without.contains("database"))
-        database.reset(new Database(values, features));
+        database.reset(new Database(values, features, parser.value(readDelayOption).toInt()));
     if (!without.contains("system"))
         system.reset(new System(parser.values(interfaceOption)));
     if (!without.contains("diagnosis"))
@@ -504,12 +512,14 @@ int main(int argc, char* argv[])
     Supervisor supervisor(tcp ? SocketConnection::TcpSocketType : SocketConnection::LocalSocketType, socketDir);
     Control control(database.get(), system.get(), diagnosis.get(), &supervisor);
 
-    const QList<SocketAdaptor*> services{database.get(), system.get(), diagnosis.get(), &control};
+    // A second backend that adds one service leaves the control service to the first.
+    const QList<SocketAdaptor*> services{database.get(), system.get(), diagnosis.get(),
+                                         without.contains("control") ? nullptr : &control};
     for (SocketAdaptor* service : services) {
         if (service && !listen(service, tcp, socketDir))
             return Failure;
     }
-    for (auto it = values.cbegin(); it != values.cend(); ++it)
+    for (auto it = values.cbegin(); database && it != values.cend(); ++it)
         say("database", it.key() + QStringLiteral(" = ") + it.value());
     std::puts("ready");
     std::fflush(stdout);

@@ -5,41 +5,52 @@
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QSettings>
-#include <QTimer>
+#include <QSocketNotifier>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
-// Runs in signal context: only ends logging and asks the event loop to quit;
-// main's orderly tear-down follows when the loop returns.
+int interruptPipe[2] = {-1, -1};
+
+// Runs in signal context: writes one byte to a pipe, which is all that is
+// safe there (logging could be inside syslog's lock right now). The event
+// loop reads it and ends the daemon.
 void handleSignal(int signalNumber)
 {
     if (signalNumber != SIGINT)
         return;
-    shutdownLogging();
-    QCoreApplication::quit();
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t written = ::write(interruptPipe[1], &byte, 1);
 }
 
-// Installs handleSignal for SIGINT. quit() only ends a loop that runs, so an
-// interrupt that comes before the event loop is held back until the loop's
-// first turn instead of being lost.
-void installSignalHandler(QCoreApplication* app)
+// Installs handleSignal for SIGINT. An interrupt that comes before the event
+// loop runs waits in the pipe for the loop's first turn.
+void installSignalHandler(CUpnpAdaptor* module)
 {
-    sigset_t interrupt;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    sigprocmask(SIG_BLOCK, &interrupt, nullptr);
-
+    if (::pipe2(interruptPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        CLOG(Error) << "cannot make the interrupt pipe:" << std::strerror(errno);
+        return;
+    }
+    auto* notifier = new QSocketNotifier(interruptPipe[0], QSocketNotifier::Read, module);
+    QObject::connect(notifier, &QSocketNotifier::activated, module, [module] {
+        char byte;
+        while (::read(interruptPipe[0], &byte, 1) > 0) {
+        }
+        shutdownLogging();
+        module->quit();
+    });
     struct sigaction action = {};
     action.sa_handler = handleSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
-
-    QTimer::singleShot(0, app, [interrupt] { sigprocmask(SIG_UNBLOCK, &interrupt, nullptr); });
 }
 
 // The supervisor's crash counter; text that is not a decimal number reads as 0.
@@ -67,7 +78,7 @@ int main(int argc, char* argv[])
     if (crashCounter(argc, argv) != 0)
         CLOG_AT(Warning, 41) << "restarted after crash. crash counter:" << argv[1];
 
-    installSignalHandler(&app);
+    installSignalHandler(module);
 
     // Reported twice on purpose: the supervisor's raw text above, the parsed number here.
     const unsigned int counter = crashCounter(argc, argv);
@@ -80,7 +91,7 @@ int main(int argc, char* argv[])
 
     // A failure to listen is logged; the daemon runs on regardless.
     if (database.useTcp())
-        module->startTcpServer(database.socketDir, quint16(QSettings().value("port", "0").toUInt()));
+        module->startTcpServer(database.socketDir, quint16(readNumberSetting(QSettings(), "port", 0, 0, 65535)));
     else
         module->startLocalServer(database.socketDir);
 

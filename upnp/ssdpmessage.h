@@ -11,6 +11,8 @@
 namespace Ssdp {
 
 constexpr quint16 Port = 1900;
+// The largest datagram that is read as SSDP at all.
+constexpr qint64 MaxDatagramSize = 8192;
 
 // Target values (NT in a NOTIFY, ST in a search answer) and the NTS kinds.
 constexpr char RootDevice[] = "upnp:rootdevice";

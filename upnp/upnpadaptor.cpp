@@ -17,7 +17,7 @@
 #include <QProcess>
 #include <QSettings>
 #include <QTextStream>
-#include <QThread>
+#include <QEventLoop>
 #include <QTimer>
 #include <QtEndian>
 
@@ -29,6 +29,9 @@ const char* const LocationTemplate = "http://%1:80/quarn.upnp";
 const char* const AvahiRestart = "systemctl restart avahi-daemon.service avahi-daemon.socket";
 
 enum NetworkEventCode { InterfaceUp = 3, InterfaceDown = 5 };
+
+// Stage 3 tries the database this often until it can be reached.
+constexpr int DatabaseRetryMs = 1500;
 
 // How long a change without a batch's last pair waits for more before Avahi restarts.
 constexpr int AvahiRestartDelayMs = 1000;
@@ -64,8 +67,8 @@ CUpnpAdaptor::CUpnpAdaptor(QObject* parent) : SocketAdaptorWithPing(parent)
     serviceFilePath = database.value("avahiConfigFileName", "/tmp/tessaline-quarn.service").toString();
 
     const QSettings own;
-    rescanInterval = own.value("timing/rescanInterval", 10000).toInt();
-    avahiRestartPause = own.value("timing/avahiRestartPause", 2000).toInt();
+    rescanInterval = readNumberSetting(own, "timing/rescanInterval", 10000, 100, 24 * 3600 * 1000);
+    avahiRestartPause = readNumberSetting(own, "timing/avahiRestartPause", 2000, 0, 600000);
 
     avahiRestartTimer.setSingleShot(true);
     connect(&avahiRestartTimer, &QTimer::timeout, this, &CUpnpAdaptor::restartAvahi);
@@ -77,7 +80,20 @@ CUpnpAdaptor::CUpnpAdaptor(QObject* parent) : SocketAdaptorWithPing(parent)
         }
     });
 
-    deviceUuid = makeDeviceUuid(Utils::getWlanMacAddress());
+    const QString mac = Utils::getWlanMacAddress();
+    if (mac.isEmpty())
+        CLOG(Warning) << "no wireless interface" << Utils::wlanInterfaceName() << "(RAVO_MACHINE:"
+                      << qEnvironmentVariable("RAVO_MACHINE") << "): the UUID changes with every start;"
+                      << "RAVO_MACHINE names the hardware model, models starting with imx use mlan0";
+    deviceUuid = makeDeviceUuid(mac);
+    const QStringList templates{"quarn-zan.upnp", "quarn-lud.upnp", "quarn.avahi"};
+    for (const QString& name : templates) {
+        if (!templateDir.exists(name)) {
+            CLOG(Warning) << "templates missing in" << templateDir.absolutePath() << ": set data/constpath in"
+                          << database.fileName() << "to the folder that holds" << templates.join(", ");
+            break;
+        }
+    }
     // The files are written when the cache delivers name, serial number and brand.
     connect(ConfigCache::instance(), &ConfigCache::valueChanged, this, &CUpnpAdaptor::configValueChanged);
 }
@@ -144,11 +160,7 @@ void CUpnpAdaptor::run(int stage)
         systemClient.reset();
         break;
     case 3:
-        // Deliberately held here until the database can be reached.
-        while (!ConfigCache::instance()->connectToDatabase()) {
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 500);
-            QThread::sleep(1);
-        }
+        waitForDatabase();
         break;
     default:
         break;
@@ -159,8 +171,24 @@ void CUpnpAdaptor::run(int stage)
 
 void CUpnpAdaptor::quit()
 {
+    quitRequested = true;
+    if (databaseWait)
+        databaseWait->quit();
     // On the loop's next turn, not inside the call.
     QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+}
+
+void CUpnpAdaptor::waitForDatabase()
+{
+    // Deliberately held here until the database can be reached. The daemon
+    // goes on meanwhile, and quit or SIGINT end the wait.
+    while (!quitRequested && !ConfigCache::instance()->connectToDatabase()) {
+        QEventLoop pause;
+        databaseWait = &pause;
+        QTimer::singleShot(DatabaseRetryMs, &pause, &QEventLoop::quit);
+        pause.exec();
+        databaseWait = nullptr;
+    }
 }
 
 void CUpnpAdaptor::createCoordinator()
@@ -172,6 +200,15 @@ void CUpnpAdaptor::createCoordinator()
     if (!settingsFile.exists() || settingsFile.size() == 0) {
         // Nothing is advertised before the web front end has written its settings.
         CLOG_AT(Info, 325) << "delaying coordinator creation," << trigger << "does not exist yet";
+        if (!webRootWarned) {
+            webRootWarned = true;
+            if (WWWDir.isEmpty() || !QFileInfo(WWWDir).isDir())
+                CLOG(Warning) << "web root" << WWWDir << "is not a folder: set data/wwwpath in"
+                              << QSettings(QStringLiteral("quarn"), QStringLiteral("database")).fileName()
+                              << "; nothing is advertised until" << trigger << "exists";
+            else
+                CLOG(Warning) << "nothing is advertised until the web front end writes" << trigger;
+        }
         if (!coordinatorWaiting) {
             coordinatorWaiting = true;
             QTimer::singleShot(1000, this, [this] {

@@ -12,6 +12,7 @@
 
 #include <memory>
 
+class QEventLoop;
 class QProcess;
 class SocketInterface;
 class UpnpCoordinator;
@@ -66,6 +67,7 @@ private:
     // at its last pair; changes without one, and interfaces coming up, a
     // second after the last of them.
     void scheduleAvahiRestart(bool batchComplete);
+    void waitForDatabase();
     void onAvahiRestartFinished();
 
     QString name;
@@ -81,6 +83,7 @@ private:
     std::unique_ptr<UpnpCoordinator> upnpCoordinator;
     QSet<QString> pendingInterfaces;
     bool coordinatorWaiting = false;
+    bool webRootWarned = false;
     // Tuning for development and tests, from the daemon's own settings.
     int rescanInterval;
     int avahiRestartPause;
@@ -89,6 +92,8 @@ private:
     QTimer avahiPauseTimer;
     bool avahiRestartWanted = false;
     QString cutAvahiName; // the last name cut to Avahi's length, warned about once
+    bool quitRequested = false;
+    QEventLoop* databaseWait = nullptr; // stage 3's wait while it runs
 };
 
 #endif // UPNPADAPTOR_H

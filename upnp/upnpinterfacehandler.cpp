@@ -185,6 +185,12 @@ void UpnpInterfaceHandler::setEnableIGMPQuerier(bool on)
 
 void UpnpInterfaceHandler::onDatagramReceived()
 {
+    // A search fits in well under 1 KiB: anything this large is dropped unread,
+    // so that a datagram full of headers costs no parsing.
+    if (socket.pendingDatagramSize() > Ssdp::MaxDatagramSize) {
+        socket.receiveDatagram(0);
+        return;
+    }
     const QNetworkDatagram datagram = socket.receiveDatagram();
     // Endpoints of one family share the group's port and all receive what
     // arrives on any interface; each answers only on its own, where its

@@ -2,6 +2,7 @@
 // private mount namespace whose /dev/log is a socket of this test.
 #include "syslogreceiver.h"
 
+#include <QLocalSocket>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -17,6 +18,7 @@ private slots:
     void initTestCase();
     void startLinesAndSigint_data();
     void startLinesAndSigint();
+    void sigintWhileLoggingHeavilyEndsTheDaemon();
 
 private:
     // Starts "upnp args..." with its system log going to receiver.
@@ -117,6 +119,47 @@ void tst_Startup::startLinesAndSigint()
         QCOMPARE(lines.at(i).tag, QByteArray("upnp"));
         QCOMPARE(lines.at(i).priority, expected.at(i).first);
         QCOMPARE(lines.at(i).text, expected.at(i).second);
+    }
+}
+
+void tst_Startup::sigintWhileLoggingHeavilyEndsTheDaemon()
+{
+    // Stage calls without return: the daemon logs each twice, the second time
+    // as a stage received twice. Four clients keep it logging while SIGINT
+    // lands at a random moment; the handler must never wait on syslog's lock.
+    const QByteArray call = QByteArray::fromHex("45bfd7a301") + "run" + QByteArray::fromHex("00050700000000");
+    for (int round = 0; round < 30; ++round) {
+        QProcess daemon;
+        QVERIFY(startDaemon(&daemon, {}));
+        QVERIFY(!readLines(1).isEmpty());
+        QTRY_VERIFY(QFile::exists(dir.filePath("com.zan.ravo.upnp")));
+        std::vector<std::unique_ptr<QLocalSocket>> clients;
+        for (int i = 0; i < 4; ++i) {
+            clients.emplace_back(new QLocalSocket);
+            clients.back()->connectToServer(dir.filePath("com.zan.ravo.upnp"));
+            QVERIFY(clients.back()->waitForConnected(2000));
+            clients.back()->write(call.repeated(500));
+        }
+        QElapsedTimer clock;
+        clock.start();
+        const qint64 interruptAt = 5 + std::rand() % 40;
+        qint64 interrupted = -1;
+        SyslogReceiver::Line line;
+        while (daemon.state() != QProcess::NotRunning && clock.elapsed() < 5000) {
+            for (auto& client : clients)
+                client->waitForBytesWritten(0);
+            while (receiver->receive(&line, 0)) {
+            }
+            if (interrupted < 0 && clock.elapsed() >= interruptAt) {
+                ::kill(pid_t(daemonPid), SIGINT);
+                interrupted = clock.elapsed();
+            }
+            daemon.waitForFinished(1);
+        }
+        QVERIFY2(daemon.state() == QProcess::NotRunning && clock.elapsed() - interrupted < 3000,
+                 qPrintable(QString("round %1: still running %2 ms after SIGINT").arg(round).arg(clock.elapsed() - interrupted)));
+        QCOMPARE(daemon.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(daemon.exitCode(), 0);
     }
 }
 

@@ -25,7 +25,7 @@ private slots:
     void initTestCase();
     void init();
     void filesFollowNameSerialAndBrand();
-    void brokenTemplateOrOutputIsLogged();
+    void commonMistakesAreNamed();
     void networkEventsWaitForTheCoordinator();
     void runStagesAndStatistics();
 
@@ -177,14 +177,34 @@ void tst_UpnpAdaptor::filesFollowNameSerialAndBrand()
     QVERIFY(logging::__LoggingActive);
 }
 
-void tst_UpnpAdaptor::brokenTemplateOrOutputIsLogged()
+void tst_UpnpAdaptor::commonMistakesAreNamed()
 {
+    // Nonsense numbers fall back to their defaults, each with one warning.
+    QSettings own;
+    own.setValue("timing/rescanInterval", "abc");
+    own.setValue("timing/avahiRestartPause", "-5");
+    own.sync();
+    StdoutCapture start;
     configure(dir.filePath("no-templates"), dir.path());
+    WWWDir = dir.filePath("no-web-root");
     CUpnpAdaptor templatesMissing;
+    templatesMissing.run(1);
+    const QByteArray started = start.take();
+    own.setValue("timing/rescanInterval", 10000);
+    own.setValue("timing/avahiRestartPause", 0);
+    const QByteArray file = own.fileName().toUtf8();
+    QVERIFY2(started.contains("invalid setting timing/rescanInterval = abc in " + file + " - using 10000"), started);
+    QVERIFY2(started.contains("invalid setting timing/avahiRestartPause = -5 in " + file + " - using 2000"), started);
+    QVERIFY(started.contains("WW upnpadaptor.cpp") && started.contains("templates missing in " + dir.filePath("no-templates").toUtf8()));
+    QVERIFY(started.contains("web root " + dir.filePath("no-web-root").toUtf8() + " is not a folder: set data/wwwpath"));
+    if (!QFile::exists("/sys/class/net/wlan0"))
+        QVERIFY(started.contains("no wireless interface wlan0"));
+
+    // A missing template or an output that cannot be written: error lines,
+    // and Avahi is restarted all the same.
     configure(SOURCE_DIR "/upnp/data", dir.filePath("no-such-dir"));
     CUpnpAdaptor outputMissing;
     QByteArray out, more;
-    // Avahi is restarted all the same.
     QCOMPARE(restarts(templatesMissing, [&] { templatesMissing.configValueChanged("generic/name", "Kitchen", false); }, &out), 1);
     QCOMPARE(restarts(outputMissing, [&] { outputMissing.configValueChanged("generic/name", "Kitchen", false); }, &more), 1);
     out += more;
