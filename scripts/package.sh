@@ -26,7 +26,7 @@ version=$(sed -n 's/^project(upnp VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 # dpkg-buildpackage writes beside the source tree, so it builds a copy.
 out=$PWD/build-deb-$arch
 src=$out/upnp-$version
-needed="$BUILD_PACKAGES debhelper dpkg-dev pandoc lintian"
+needed="$BUILD_PACKAGES build-essential debhelper pandoc lintian"
 buildpackage=(dpkg-buildpackage --build=binary --no-sign)
 if [ "$arch" != "$host_arch" ]; then
     triple=""
