@@ -2,12 +2,13 @@
 # Proves the README on a new machine: builds a minimal Debian 12 root
 # (mmdebstrap, variant minbase: only what every Debian system has), copies a
 # clean clone of this checkout's HEAD into it, and runs inside it, as root,
-# the README's test command, the demo command and the cross-test command.
+# the README's test command, the demo command, the cross-test command and
+# the package command (native and armhf).
 # Prints one line per command with its status and time; each command's whole
 # output is in the log named on that line while the check runs, and its last
 # lines are printed when it fails. Removes everything it made at the end.
 #
-# Takes a long while (the three commands install their packages and build
+# Takes a long while (the commands install their packages and build
 # from nothing), so it is not part of .ci/run: run it before saying that a
 # change of the scripts or the dependencies is done.
 #   scripts/fresh-machine-check.sh [--keep]     --keep: leave the root for a look
@@ -78,4 +79,6 @@ failed=0
 run_inside test bash scripts/test.sh
 run_inside demo bash scripts/demo.sh
 run_inside cross-test bash scripts/cross-test.sh
+run_inside package bash scripts/package.sh
+run_inside package-armhf bash scripts/package.sh --arch armhf
 exit $failed

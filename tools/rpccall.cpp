@@ -2,6 +2,7 @@
 // the command line, through the backend's own RPC library.
 #include "defaults.h"
 #include "logginginterface.h"
+#include "signalpipe.h"
 #include "socketinterface.h"
 
 #include <QCommandLineParser>
@@ -9,6 +10,7 @@
 #include <QJsonDocument>
 #include <QTimer>
 
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 
@@ -21,7 +23,8 @@ const char* const ArgumentHelp =
     "  string:TEXT  bytes:TEXT  char:N  uchar:N  ushort:N  int:N  uint:N\n"
     "  int64:N  uint64:N  bool:true|false  double:X  strings:A,B,C  ints:1,2,3\n"
     "  id:KIND.PREFIX.SERIAL.CHANNEL.INDEX\n"
-    "(short cannot be sent: services do not read 16-bit signed values.)\n";
+    "(short cannot be sent: services do not read 16-bit signed values;\n"
+    " double takes finite numbers only: the protocol has no NaN or infinity.)\n";
 
 template <typename T>
 bool parseNumber(const QString& text, T* value)
@@ -84,7 +87,10 @@ bool parseArgument(const QString& text, SocketArgument* argument)
         ok = value == "true" || value == "false";
         *argument = SocketArgument(value == "true");
     } else if (type == "double") {
-        *argument = SocketArgument(value.toDouble(&ok));
+        // Sent anyway, a NaN or an infinity would arrive as 0.
+        const double number = value.toDouble(&ok);
+        ok = ok && std::isfinite(number);
+        *argument = SocketArgument(number);
     } else if (type == "strings") {
         *argument = SocketArgument(value.isEmpty() ? QStringList() : value.split(QLatin1Char(',')));
     } else if (type == "ints") {
@@ -149,11 +155,6 @@ void print(const QString& line)
     std::fflush(stdout);
 }
 
-void stopOnInterrupt(int)
-{
-    QCoreApplication::quit();
-}
-
 } // namespace
 
 int main(int argc, char* argv[])
@@ -186,6 +187,21 @@ int main(int argc, char* argv[])
     if (positional.size() < 2) {
         std::fprintf(stderr, "%s\n", qPrintable(parser.helpText()));
         return Usage;
+    }
+    QList<SocketArgument> arguments;
+    if (!parser.isSet(listen)) {
+        for (const QString& text : positional.mid(2)) {
+            SocketArgument argument;
+            if (!parseArgument(text, &argument)) {
+                std::fprintf(stderr, "rpccall: malformed argument '%s'\n%s", qPrintable(text), ArgumentHelp);
+                return Usage;
+            }
+            arguments << argument;
+        }
+        if (arguments.size() > 10) {
+            std::fprintf(stderr, "rpccall: a call takes at most 10 arguments\n");
+            return Usage;
+        }
     }
     // The library's log lines go to the system log, as every backend process's do.
     initLogging(false, false, false, parser.isSet(verbose));
@@ -227,23 +243,11 @@ int main(int argc, char* argv[])
         });
         if (parser.isSet(seconds))
             QTimer::singleShot(int(parser.value(seconds).toDouble() * 1000), &app, &QCoreApplication::quit);
-        std::signal(SIGINT, stopOnInterrupt);
-        std::signal(SIGTERM, stopOnInterrupt);
-        return app.exec();
-    }
-
-    QList<SocketArgument> arguments;
-    for (const QString& text : positional.mid(2)) {
-        SocketArgument argument;
-        if (!parseArgument(text, &argument)) {
-            std::fprintf(stderr, "rpccall: malformed argument '%s'\n%s", qPrintable(text), ArgumentHelp);
-            return Usage;
+        if (!quitOnSignals({SIGINT, SIGTERM})) {
+            std::perror("rpccall: pipe");
+            return CallFailed;
         }
-        arguments << argument;
-    }
-    if (arguments.size() > 10) {
-        std::fprintf(stderr, "rpccall: a call takes at most 10 arguments\n");
-        return Usage;
+        return app.exec();
     }
 
     const QByteArray method = positional.at(1).toUtf8();

@@ -9,6 +9,7 @@
 // on standard output, prefixed by the role.
 #include "logginginterface.h"
 #include "networkconfig.h"
+#include "signalpipe.h"
 #include "socketadaptor.h"
 #include "socketinterface.h"
 
@@ -19,16 +20,13 @@
 #include <QFileInfo>
 #include <QMap>
 #include <QPointer>
-#include <QSocketNotifier>
 #include <QThread>
 #include <QTimer>
 
 #include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <functional>
 #include <memory>
-#include <unistd.h>
 
 namespace {
 
@@ -409,15 +407,6 @@ bool readConfigFile(const QString& path, QMap<QString, QString>* values)
     return true;
 }
 
-int signalPipe[2] = {-1, -1};
-
-void onTerminationSignal(int)
-{
-    const char byte = 1;
-    // Only async-signal-safe work here; the event loop does the rest.
-    [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
-}
-
 bool listen(SocketAdaptor* service, bool tcp, const QString& socketDir)
 {
     if (tcp ? service->startTcpServer(socketDir, 0) : service->startLocalServer(socketDir))
@@ -480,23 +469,10 @@ int main(int argc, char* argv[])
 
     initLogging(false, false, false, true);
 
-    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+    if (!quitOnSignals({SIGINT, SIGTERM})) {
         std::perror("simbackend: pipe");
         return Failure;
     }
-    QSocketNotifier termination(signalPipe[0], QSocketNotifier::Read);
-    QObject::connect(&termination, &QSocketNotifier::activated, &app, [] {
-        char byte;
-        while (::read(signalPipe[0], &byte, 1) > 0) {
-        }
-        QCoreApplication::quit();
-    });
-    struct sigaction action = {};
-    action.sa_handler = onTerminationSignal;
-    action.sa_flags = SA_RESTART;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
 
     const QString socketDir = parser.value(socketDirOption);
     const bool tcp = parser.isSet(tcpOption);
@@ -533,8 +509,6 @@ int main(int argc, char* argv[])
             if (service)
                 QFile::remove(socketDir + QLatin1Char('/') + service->getModuleName() + QStringLiteral(".port"));
     }
-    ::close(signalPipe[0]);
-    ::close(signalPipe[1]);
     return status;
 }
 
