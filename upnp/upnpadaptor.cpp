@@ -58,7 +58,8 @@ QString fitAvahiName(const QString& name)
 
 } // namespace
 
-CUpnpAdaptor::CUpnpAdaptor(QObject* parent) : SocketAdaptorWithPing(parent)
+CUpnpAdaptor::CUpnpAdaptor(QObject* parent)
+    : SocketAdaptorWithPing(parent, readNumberSetting(QSettings(), "timing/heartbeatInterval", 120000, 1000, 3600000))
 {
     const QSettings database(QStringLiteral("quarn"), QStringLiteral("database"));
     const QString dataPath = database.value("data/path", "./data").toString();

@@ -1,6 +1,4 @@
-#include "internalid.h"
 #include "logginginterface.h"
-#include "profiler.h"
 #include "spinlock.h"
 #include "stdoutcapture.h"
 #include "upnpadaptor.h"
@@ -16,9 +14,7 @@ private slots:
     void deviceUuidComesFromTheWlanMac_data();
     void deviceUuidComesFromTheWlanMac();
     void escapeXmlKeepsTheDoubleEscaping();
-    void profilerTableIsSortedByTheChosenColumn();
     void spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked();
-    void defaultInternalIdIsInvalid();
 };
 
 void tst_Utils::escapeXmlKeepsTheDoubleEscaping()
@@ -30,38 +26,6 @@ void tst_Utils::escapeXmlKeepsTheDoubleEscaping()
                                    {"&amp;", "&amp;amp;"}};
     for (const auto& row : rows)
         QCOMPARE(Utils::escapeXml(row[0]), QString(row[1]));
-}
-
-void tst_Utils::profilerTableIsSortedByTheChosenColumn()
-{
-    Profiler profiler;
-    profiler.addCall("rescan", 3000000);
-    profiler.addCall("rescan", 1000000);
-    profiler.addCall("invoke", 5000000);
-    for (int i = 0; i < 3; ++i)
-        profiler.addCall("announce", 500000);
-
-    auto order = [&profiler](int column) {
-        QStringList names;
-        const QStringList lines = profiler.statistics(column).split('\n', Qt::SkipEmptyParts);
-        for (const QString& line : lines.mid(1, 3))
-            names << line.section(' ', 0, 0);
-        return names;
-    };
-    QCOMPARE(order(Profiler::NameColumn), QStringList({"announce", "invoke", "rescan"}));
-    QCOMPARE(order(Profiler::CallsColumn), QStringList({"announce", "rescan", "invoke"}));
-    QCOMPARE(order(Profiler::TotalColumn), QStringList({"invoke", "rescan", "announce"}));
-    QCOMPARE(order(Profiler::LastColumn), QStringList({"invoke", "rescan", "announce"}));
-    QCOMPARE(order(Profiler::MeanColumn), QStringList({"invoke", "rescan", "announce"}));
-    QCOMPARE(order(42), order(Profiler::NameColumn));
-
-    const QStringList lines = profiler.statistics(Profiler::NameColumn).split('\n');
-    QVERIFY(lines.at(0).startsWith("name"));
-    // rescan: 2 calls, 4 ms in all, 3 ms the longest, 2 ms on average, 1 ms the last.
-    QCOMPARE(lines.at(3).simplified(), QString("rescan 2 4.000 3.000 2.000 1.000"));
-    QVERIFY(Profiler::peakResidentKiB() > 0);
-    QVERIFY2(QRegularExpression("^peak memory: [1-9][0-9]* KiB resident").match(lines.at(4)).hasMatch(),
-             qPrintable(lines.at(4)));
 }
 
 void tst_Utils::spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked()
@@ -86,16 +50,6 @@ void tst_Utils::spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked()
                           "while held by call: getConfigValue(QString)")
                  && out.contains("spin lock call lock released while not held"),
              out);
-}
-
-void tst_Utils::defaultInternalIdIsInvalid()
-{
-    InternalId id;
-    QVERIFY(!id.isValid());
-    id.kind = InternalId::Device;
-    id.serialNumber = 4711;
-    QVERIFY(id.isValid());
-    QCOMPARE(id.toString(), QString("1:0-4711:0.0"));
 }
 
 void tst_Utils::deviceUuidComesFromTheWlanMac_data()

@@ -12,6 +12,7 @@
 #include "syslogreceiver.h"
 
 #include <QCryptographicHash>
+#include <QLocalSocket>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTcpSocket>
@@ -133,7 +134,7 @@ void tst_Daemon::init()
                   "upnpConfigFileName=" + dir->filePath("files/quarn.upnp").toUtf8() + "\n"
                   "avahiConfigFileName=" + dir->filePath("files/tessaline-quarn.service").toUtf8() + "\n"
                   "[data]\nwwwpath=" + dir->filePath("www").toUtf8() + "\nconstpath=" SOURCE_DIR "/upnp/data\n"));
-    QVERIFY(write("config/quarn/upnp.conf", "[timing]\nrescanInterval=300\navahiRestartPause=50\n"));
+    QVERIFY(write("config/quarn/upnp.conf", "[timing]\nrescanInterval=300\navahiRestartPause=50\nheartbeatInterval=1000\n"));
     QVERIFY(write("database.txt", "generic/name=Living room\ngeneric/serialNumber=SN-0815\ngeneric/zan=false\n"
                                   "network/igmpquerier=true\ndebug/enableLogging=true\n"));
     QVERIFY(write("www/settings.json", "{}"));
@@ -296,8 +297,20 @@ void tst_Daemon::naturalStartIsDiscoveredAndNoHostSilencesIt()
     tcpdump.kill();
     tcpdump.waitForFinished();
 
-    control("quitModule");
-    QVERIFY(daemon.waitForFinished(5000));
+    // SIGINT in the middle of a burst of searches and RPC calls: byebye on
+    // both links, status 0.
+    QLocalSocket rpc;
+    rpc.connectToServer(dir->filePath("sockets/com.zan.ravo.upnp"));
+    QVERIFY(rpc.waitForConnected(2000));
+    const QByteArray statisticsCall = QByteArray::fromHex("45bfd7a301") + "exportProfilerStatistics"
+                                      + QByteArray::fromHex("00050100000000");
+    for (int i = 0; i < 200; ++i) {
+        flooder.send(ssdpSearch("ssdp:all"));
+        rpc.write(statisticsCall);
+        if (i == 100)
+            ::kill(pid_t(daemon.processId()), SIGINT);
+    }
+    QVERIFY(daemon.waitForFinished(3000));
     QCOMPARE(daemon.exitStatus(), QProcess::NormalExit);
     QCOMPARE(daemon.exitCode(), 0);
     QTRY_VERIFY(onCp0.notifiesWith("ssdp:byebye").size() >= 3 && onCp1.notifiesWith("ssdp:byebye").size() >= 3);
@@ -393,12 +406,12 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
         avahi.waitForFinished();
     }
 
-    // Statistics over RPC, then SIGINT: status 0.
+    // Statistics over RPC, then quit from the supervisor: status 0.
     SocketInterface upnp(SocketConnection::LocalSocketType, "com.zan.ravo.upnp", dir->filePath("sockets"));
     const QString statistics = upnp.call(SocketInterface::CallWithReturn, "exportProfilerStatistics", 1).toQString();
     QVERIFY2(statistics.startsWith("***Exporting profiler statistic for Upnp adaptor***\nname "), qPrintable(statistics));
     QVERIFY(statistics.contains("\nrun(int) "));
-    ::kill(pid_t(daemon.processId()), SIGINT);
+    control("quitModule");
     QVERIFY(daemon.waitForFinished(5000));
     QCOMPARE(daemon.exitStatus(), QProcess::NormalExit);
     QCOMPARE(daemon.exitCode(), 0);
@@ -433,7 +446,7 @@ void tst_Daemon::databaseDiesMidCallAndComesBackRenamed()
     const QStringList onlyDatabase{"--without", "system", "--without", "diagnosis", "--without", "control", "--config"};
     QProcess database;
     QVERIFY(startBackend(&database, onlyDatabase + QStringList{dir->filePath("first.txt"), "--read-delay", "5000"}));
-    QVERIFY(startBackend(&backend, {"--stages", "--without", "database", "--interface", "dev0"}));
+    QVERIFY(startBackend(&backend, {"--stages", "--without", "database", "--without", "diagnosis", "--interface", "dev0"}));
     QVERIFY(startDaemon());
     QByteArray databaseOut;
     QTRY_VERIFY_WITH_TIMEOUT((databaseOut += database.readAllStandardOutput()).contains("reading network/igmpquerier"),
@@ -464,6 +477,13 @@ void tst_Daemon::databaseDiesMidCallAndComesBackRenamed()
     database.waitForFinished();
     QVERIFY(startBackend(&database, onlyDatabase + QStringList{dir->filePath("third.txt")}));
     QTRY_VERIFY_WITH_TIMEOUT(file("files/quarn.upnp").contains("Orvella: Cellar"), 20000);
+
+    // The diagnosis service comes late: the next heartbeat reaches it.
+    QProcess diagnosis;
+    QVERIFY(startBackend(&diagnosis, {"--without", "database", "--without", "system", "--without", "control"}));
+    QByteArray pings;
+    QTRY_VERIFY_WITH_TIMEOUT((pings += diagnosis.readAllStandardOutput()).contains("diagnosis: ping com.zan.ravo.upnp 3"),
+                             3000);
 
     // It goes again; stage 3 waits again, and quit ends that wait at once.
     database.kill();
