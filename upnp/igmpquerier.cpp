@@ -19,7 +19,7 @@ constexpr quint32 AllHostsGroup = 0xE0000001;   // 224.0.0.1
 constexpr quint32 AllRoutersGroup = 0xE0000002; // 224.0.0.2
 constexpr int GeneralQueryResponseSeconds = 10;
 // The last member query interval: a host that is still a member answers a
-// group-specific query within it (RFC 2236, section 8.8).
+// group-specific query within it (the last member query interval of RFC 2236).
 constexpr int GroupQueryResponseSeconds = 1;
 constexpr int MaxGroups = 100;
 constexpr int IPv4MinimumHeaderLength = 20;

@@ -21,10 +21,10 @@ public:
     // A veth pair from interface1 in namespace1 to interface2 in namespace2, both up.
     bool addVethPair(const QString& namespace1, const QString& interface1,
                      const QString& namespace2, const QString& interface2);
-    // A veth link with an address on each end, such as "10.77.0.2/24".
+    // A veth link with an address on each end, such as "192.0.2.2/24".
     bool addLink(const QString& namespace1, const QString& interface1, const QString& address1,
                  const QString& namespace2, const QString& interface2, const QString& address2);
-    // Adds an address such as "10.77.0.2/24" or "fd00::2/64" to an interface.
+    // Adds an address such as "192.0.2.2/24" or "2001:db8::2/64" to an interface.
     bool addAddress(const QString& name, const QString& interface, const QString& address);
     // Runs a command inside namespace name; output gets its standard output.
     bool run(const QString& name, const QStringList& command, QByteArray* output = nullptr);

@@ -24,13 +24,13 @@ void tst_SsdpMessage::notifyCarriesEveryHeaderInOrder_data()
 
     QTest::newRow("alive, IPv4")
         << Ssdp::notifyMessage(Ssdp::hostText(QHostAddress("239.255.255.250")),
-                               "http://192.168.1.5:80/quarn.upnp", "upnp:rootdevice", "ssdp:alive",
+                               "http://192.0.2.5:80/quarn.upnp", "upnp:rootdevice", "ssdp:alive",
                                "Linux/5.10.0, UPnP/2.0, Pellinor/3.5.3",
                                "uuid:33221100-5511-4433-0011-443311332211::upnp:rootdevice", 185000000, 42)
         << QByteArray("NOTIFY * HTTP/1.1\r\n"
                       "HOST: 239.255.255.250:1900\r\n"
                       "CACHE-CONTROL: max-age=1800\r\n"
-                      "LOCATION: http://192.168.1.5:80/quarn.upnp\r\n"
+                      "LOCATION: http://192.0.2.5:80/quarn.upnp\r\n"
                       "NT: upnp:rootdevice\r\n"
                       "NTS: ssdp:alive\r\n"
                       "SERVER: Linux/5.10.0, UPnP/2.0, Pellinor/3.5.3\r\n"
@@ -82,13 +82,13 @@ void tst_SsdpMessage::notifyCarriesEveryHeaderInOrder()
 
 void tst_SsdpMessage::searchReplyNamesItsOwnTarget()
 {
-    QCOMPARE(Ssdp::searchReply("http://192.168.1.5:80/quarn.upnp", "Linux/5.10.0, UPnP/2.0, Pellinor/3.5.3",
+    QCOMPARE(Ssdp::searchReply("http://192.0.2.5:80/quarn.upnp", "Linux/5.10.0, UPnP/2.0, Pellinor/3.5.3",
                                "urn:tessaline:device:Quarn:1", "uuid:abc::urn:tessaline:device:Quarn:1", 3,
                                0xFFFFFFFF),
              QByteArray("HTTP/1.1 200 OK\r\n"
                         "CACHE-CONTROL: max-age=1800\r\n"
                         "EXT:\r\n"
-                        "LOCATION: http://192.168.1.5:80/quarn.upnp\r\n"
+                        "LOCATION: http://192.0.2.5:80/quarn.upnp\r\n"
                         "SERVER: Linux/5.10.0, UPnP/2.0, Pellinor/3.5.3\r\n"
                         "ST: urn:tessaline:device:Quarn:1\r\n"
                         "USN: uuid:abc::urn:tessaline:device:Quarn:1\r\n"
