@@ -1,12 +1,13 @@
-// The coordinator keeping endpoints in step with real interfaces of a private
-// network namespace ("d", the device), watched from a control point's ("c").
-// Rescans are driven by hand; the thread stays in the device's namespace.
+// SSDP endpoints and the coordinator that keeps them in step with the real
+// interfaces of a private network namespace ("d", the device), watched from a
+// control point's ("c"), linked d0-c0 and d1-c1. Rescans are driven by hand.
 #include "interfaceaddress.h"
 #include "logginginterface.h"
 #include "netns.h"
 #include "ssdppeer.h"
 #include "stdoutcapture.h"
 #include "upnpcoordinator.h"
+#include "upnpinterfacehandler.h"
 
 #include <QtTest>
 
@@ -18,6 +19,8 @@ const char* const Device = "d";
 const char* const ControlPoint = "c";
 const QByteArray Udn = "33221100-5511-4433-0011-443311332211";
 const QByteArray Type = "urn:tessaline:device:Quarn:1";
+const QByteArray TypeB = "urn:tessaline:device:Helper:1";
+const QHostAddress Ipv4Group("239.255.255.250");
 
 } // namespace
 
@@ -35,10 +38,16 @@ private slots:
         onD1.reset();
         namespaces.reset();
     }
+    void aliveUpdateAndByeByeBursts();
+    void searchesAreAnsweredPerTargetWithinTheMx();
+    void joinFailuresAreLoggedOncePerWindow();
     void usableAddressesOfKnownInterfacesAreServed();
     void stableChangesAndSharedValuesReachTheLinks();
 
 private:
+    // An endpoint of the device for one of its addresses, made in its namespace.
+    UpnpInterfaceHandler* endpoint(const QString& interfaceName, const QString& address, const QHostAddress& group);
+    std::unique_ptr<SsdpPeer> peer(const QString& interfaceName, const QHostAddress& group = Ipv4Group);
     QList<UpnpInterfaceHandler*> advertisers(const QString& name = QString()) const;
     QStringList advertisedAddresses() const;
     void rescan(int times = 1);
@@ -53,23 +62,49 @@ void tst_UpnpCoordinator::initTestCase()
     if (::geteuid() != 0)
         QSKIP("needs root for network namespaces");
     initLogging(false, false, false, true);
-    logging::__LoggingActive = true; // the coordinator's Info lines are part of what is checked
 }
 
 void tst_UpnpCoordinator::init()
 {
+    logging::__LoggingActive = true; // the coordinator's Info lines are part of what is checked
     namespaces.reset(new NetworkNamespaces);
     QVERIFY2(namespaces->add(Device) && namespaces->add(ControlPoint)
                  && namespaces->addLink(Device, "d0", "192.0.2.2/24", ControlPoint, "c0", "192.0.2.3/24")
                  && namespaces->addLink(Device, "d1", "198.51.100.2/24", ControlPoint, "c1", "198.51.100.3/24"),
              qPrintable(namespaces->errorString()));
     QVERIFY(namespaces->enter(ControlPoint));
-    onD0.reset(new SsdpPeer("c0", QHostAddress("239.255.255.250")));
-    onD1.reset(new SsdpPeer("c1", QHostAddress("239.255.255.250")));
+    onD0.reset(new SsdpPeer("c0", Ipv4Group));
+    onD1.reset(new SsdpPeer("c1", Ipv4Group));
     QVERIFY(namespaces->enter(Device) && onD0->isValid() && onD1->isValid());
     UpnpTimings timings;
     timings.rescanInterval = 3600000; // rescans come from the test
+    timings.aliveRepeatMinimum = 400;
+    timings.aliveRepeatSteps = 3;
+    timings.aliveRepeatStep = 100;
+    timings.joinRetryInterval = 40;
+    timings.joinErrorLogInterval = 500;
     coordinator.reset(new UpnpCoordinator(Udn, "http://%1:80/quarn.upnp", false, nullptr, timings));
+}
+
+UpnpInterfaceHandler* tst_UpnpCoordinator::endpoint(const QString& interfaceName, const QString& address,
+                                                         const QHostAddress& group)
+{
+    if (!namespaces->enter(Device))
+        return nullptr;
+    auto* handler = new UpnpInterfaceHandler(QNetworkInterface::interfaceFromName(interfaceName),
+                                             addressEntry(interfaceName, address), group,
+                                             "http://" + address.toLatin1() + ":80/quarn.upnp", coordinator.get());
+    namespaces->leave();
+    return handler;
+}
+
+std::unique_ptr<SsdpPeer> tst_UpnpCoordinator::peer(const QString& interfaceName, const QHostAddress& group)
+{
+    if (!namespaces->enter(ControlPoint))
+        return nullptr;
+    std::unique_ptr<SsdpPeer> result(new SsdpPeer(interfaceName, group));
+    namespaces->leave();
+    return result->isValid() ? std::move(result) : nullptr;
 }
 
 QList<UpnpInterfaceHandler*> tst_UpnpCoordinator::advertisers(const QString& name) const
@@ -97,6 +132,184 @@ void tst_UpnpCoordinator::rescan(int times)
     for (int i = 0; i < times; ++i)
         coordinator->rescanInterfaces();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+void tst_UpnpCoordinator::aliveUpdateAndByeByeBursts()
+{
+    coordinator->addDeviceType(Type);
+    coordinator->addDeviceType(TypeB);
+    QVERIFY(namespaces->enter(Device));
+    const QString linkLocal = linkLocalAddress("d0");
+    QVERIFY(namespaces->leave() && !linkLocal.isEmpty());
+    std::unique_ptr<SsdpPeer> controlPoint = peer("c0"), ipv6Point = peer("c0", QHostAddress("ff02::c")),
+                              onD1 = peer("c1");
+    QVERIFY(controlPoint && ipv6Point && onD1);
+    UpnpInterfaceHandler* handler = endpoint("d0", "192.0.2.2", Ipv4Group);
+    UpnpInterfaceHandler* ipv6Handler = endpoint("d0", linkLocal, QHostAddress("ff02::c%d0"));
+    UpnpInterfaceHandler* shortLived = endpoint("d1", "198.51.100.2", Ipv4Group);
+    QVERIFY(handler && ipv6Handler && shortLived);
+
+    // Gone within 100 ms: only the byebye burst, and none of the answers it had scheduled.
+    QTest::qWait(50);
+    QNetworkDatagram search("", Ipv4Group, 1900);
+    search.setSender(QHostAddress("198.51.100.3"), onD1->searchPort());
+    search.setInterfaceIndex(uint(shortLived->networkInterface().index()));
+    shortLived->handleMSearch(search, {{"man", "\"ssdp:discover\""}, {"mx", "1"}, {"st", "ssdp:all"}});
+    shortLived->sendByeBye();
+    delete shortLived;
+
+    QTRY_COMPARE_WITH_TIMEOUT(controlPoint->notifiesWith("ssdp:alive").size(), 8, 2000);
+    const QList<SsdpPeer::Received> alive = controlPoint->notifiesWith("ssdp:alive");
+    // The first burst 100 ms after creation, the second 50 to 149 ms later.
+    QVERIFY2(alive.at(0).at >= 90 && alive.at(0).at < 300, qPrintable(QString::number(alive.at(0).at)));
+    const qint64 pause = alive.at(4).at - alive.at(0).at;
+    QVERIFY2(pause >= 45 && pause < 250, qPrintable(QString::number(pause)));
+    const QByteArray u = "uuid:" + Udn;
+    const QList<QByteArray> expectedNt{"upnp:rootdevice", u, Type, TypeB};
+    const QList<QByteArray> expectedUsn{u + "::upnp:rootdevice", u, u + "::" + Type, u + "::" + TypeB};
+    for (int i = 0; i < 8; ++i) {
+        const QNetworkDatagram& datagram = alive.at(i).datagram;
+        QCOMPARE(datagram.data(), Ssdp::notifyMessage("239.255.255.250", "http://192.0.2.2:80/quarn.upnp",
+                                                      expectedNt.at(i % 4), "ssdp:alive", coordinator->serverString(),
+                                                      expectedUsn.at(i % 4), coordinator->bootId(), 0xFFFFFFFF));
+        QCOMPARE(datagram.senderAddress(), QHostAddress("192.0.2.2"));
+        QCOMPARE(datagram.senderPort(), 1900);
+        QCOMPARE(datagram.hopLimit(), 2);
+    }
+    // The IPv6 endpoint on the link-local group; it runs no IGMP querier.
+    QTRY_COMPARE_WITH_TIMEOUT(ipv6Point->notifiesWith("ssdp:alive").size(), 8, 2000);
+    const QNetworkDatagram first = ipv6Point->notifiesWith("ssdp:alive").first().datagram;
+    QCOMPARE(ssdpHeader(first.data(), "HOST"), QByteArray("[ff02::c]:1900"));
+    QCOMPARE(first.senderAddress().toString().section('%', 0, 0), linkLocal);
+    QCOMPARE(first.hopLimit(), 2);
+    ipv6Handler->setEnableIGMPQuerier(true);
+    QVERIFY(!ipv6Handler->igmpQuerier());
+
+    // The next alive burst comes after the (shrunk) re-announcement interval.
+    QTRY_COMPARE_WITH_TIMEOUT(controlPoint->notifiesWith("ssdp:alive").size(), 16, 2000);
+    const qint64 repeat = controlPoint->notifiesWith("ssdp:alive").at(8).at - alive.at(0).at;
+    QVERIFY2(repeat >= 380 && repeat < 900, qPrintable(QString::number(repeat)));
+
+    // An update burst goes out twice too; a byebye twice back to back.
+    handler->sendUpdate();
+    QTRY_COMPARE_WITH_TIMEOUT(controlPoint->notifiesWith("ssdp:update").size(), 8, 2000);
+    handler->sendByeBye();
+    QTest::qWait(300);
+    const QList<SsdpPeer::Received> byebye = controlPoint->notifiesWith("ssdp:byebye");
+    QCOMPARE(byebye.size(), 8);
+    QVERIFY(byebye.last().at - byebye.first().at < 40);
+    for (int i = 0; i < 4; ++i)
+        QCOMPARE(byebye.at(i + 4).datagram.data(), byebye.at(i).datagram.data());
+    QVERIFY(onD1->notifies.size() == 8 && onD1->notifiesWith("ssdp:byebye").size() == 8 && onD1->answers.isEmpty());
+}
+
+void tst_UpnpCoordinator::searchesAreAnsweredPerTargetWithinTheMx()
+{
+    coordinator->addDeviceType(Type);
+    coordinator->addDeviceType(TypeB);
+    // Both endpoints share the group's port: each answers only searches from its own link.
+    const QList<UpnpInterfaceHandler*> handlers{endpoint("d0", "192.0.2.2", Ipv4Group),
+                                                endpoint("d1", "198.51.100.2", Ipv4Group)};
+    QVERIFY(handlers.at(0) && handlers.at(1));
+    auto search = [](const QByteArray& st, const QByteArray& mx = "MX: 1\r\n",
+                     const QByteArray& man = "MAN: \"ssdp:discover\"\r\n") {
+        return "M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\n" + man + mx + "ST: " + st + "\r\n\r\n";
+    };
+    const QByteArray u = "uuid:" + Udn;
+    const QList<QByteArray> all{TypeB, Type, "upnp:rootdevice", u};
+    struct Row
+    {
+        const char* name;
+        QByteArray search;
+        QList<QByteArray> targets;
+        qint64 span = 1000; // MX 1: every answer within a second
+        int times = 1;      // five searches of four targets give twenty independent delays
+        int link = 0;
+    };
+    const QList<Row> rows{
+        {"ssdp:all: every target with its own ST", search("ssdp:all"), all, 1000, 5},
+        {"MX 120 counts as 5", search("ssdp:all", "MX: 120\r\n"), all, 5000, 5},
+        {"non-numeric MX", search("ssdp:all", "MX: soon\r\n"), all, 3000, 5},
+        {"MX 0 counts as 1", search("ssdp:all", "MX: 0\r\n"), all, 1000, 5},
+        {"on the other link", search("ssdp:all"), all, 1000, 1, 1},
+        {"root device", search("upnp:rootdevice"), {"upnp:rootdevice"}},
+        {"device UUID", search(u), {u}},
+        {"device type", search(Type), {Type}},
+        {"UUID in other case", search(u.toUpper()), {}},
+        {"other version of the type", search("urn:tessaline:device:Quarn:2"), {}},
+        {"MAN without quotes", search("ssdp:all", "MX: 1\r\n", "MAN: ssdp:discover\r\n"), {}},
+        {"no MX", search("ssdp:all", ""), {}},
+        // One datagram the parser drops; its table carries the rules.
+        {"blank before a colon", search("ssdp:all", "MX: 1\r\n", "MAN : \"ssdp:discover\"\r\n"), {}},
+        {"datagram just within 8 KiB", search("ssdp:all", "MX: 1\r\nX-PAD: " + QByteArray(8000, 'p') + "\r\n"), all},
+        {"datagram over 8 KiB", search("ssdp:all", "MX: 1\r\nX-PAD: " + QByteArray(8300, 'p') + "\r\n"), {}},
+    };
+    // One searcher per row, each on its own port.
+    std::vector<std::unique_ptr<SsdpPeer>> peers;
+    for (const Row& row : rows) {
+        peers.push_back(peer(row.link ? "c1" : "c0"));
+        QVERIFY(peers.back());
+    }
+    QTest::qWait(50); // the endpoints have joined the group
+    for (int i = 0; i < rows.size(); ++i) {
+        peers.at(i)->clock.restart(); // answers are timed from the search
+        for (int n = 0; n < rows.at(i).times; ++n)
+            peers.at(i)->send(rows.at(i).search);
+    }
+    QTest::qWait(5500);
+
+    for (int i = 0; i < rows.size(); ++i) {
+        const Row& row = rows.at(i);
+        // Answers only to the searcher: nothing reached its group port.
+        QVERIFY2(peers.at(i)->notifies.size() == peers.at(i)->notifiesWith().size(), row.name);
+        QList<QByteArray> expected, answered;
+        for (int n = 0; n < row.times; ++n)
+            expected += row.targets;
+        qint64 latest = 0;
+        for (const SsdpPeer::Received& answer : qAsConst(peers.at(i)->answers)) {
+            const QByteArray st = ssdpHeader(answer.datagram.data(), "ST");
+            answered << st;
+            const QByteArray usn = st == u ? st : u + "::" + st;
+            QCOMPARE(answer.datagram.data(), handlers.at(row.link)->buildSearchReply(st, usn));
+            QCOMPARE(answer.datagram.senderPort(), 1900);
+            latest = std::max(latest, answer.at);
+        }
+        std::sort(expected.begin(), expected.end());
+        std::sort(answered.begin(), answered.end());
+        QVERIFY2(answered == expected, row.name);
+        const QByteArray delay = QByteArray(row.name) + ": " + QByteArray::number(latest);
+        QVERIFY2(latest < row.span * 21 / 20 + 100, delay); // coarse timers may fire 5 % late
+        // Twenty draws all below 60 % of the span would be very unlikely.
+        QVERIFY2(row.span == 1000 || latest > row.span * 6 / 10, delay);
+    }
+}
+
+void tst_UpnpCoordinator::joinFailuresAreLoggedOncePerWindow()
+{
+    // No group memberships allowed: every join fails with ENOBUFS.
+    QVERIFY(namespaces->run(Device, {"sysctl", "-qw", "net.ipv4.igmp_max_memberships=0"}));
+    StdoutCapture capture;
+    const bool created = endpoint("d0", "192.0.2.2", Ipv4Group);
+    QTest::qWait(1200);
+    const bool allowed = namespaces->run(Device, {"sysctl", "-qw", "net.ipv4.igmp_max_memberships=20"});
+    QTest::qWait(300);
+    const QList<QByteArray> lines = capture.take().split('\n');
+    QVERIFY(created && allowed);
+
+    QByteArray joinLines;
+    for (const QByteArray& line : lines)
+        if (line.contains("multicast group") || line.contains("previous message"))
+            joinLines += line.mid(line.indexOf(" d0 ") + 1) + '\n';
+    // Failures every 40 ms for 1.2 s: an error line at the start and one per
+    // 500 ms window after it, each later one followed by the number it hid.
+    const QString error = "d0 failed to join multicast group 239.255.255.250 : 105 No buffer space available \n";
+    const QString suppressed = "d0 \\(previous message suppressed ([0-9]+) times\\) \n";
+    const QString done = "d0 multicast group 239.255.255.250 joined successfully after suppressing ([0-9]+) errors \n";
+    const QRegularExpressionMatch match =
+        QRegularExpression("^" + error + error + suppressed + error + suppressed + done + "$").match(joinLines);
+    QVERIFY2(match.hasMatch(), joinLines);
+    // Errors every 40 ms: at least 8 hidden in the first window.
+    QVERIFY(match.captured(1).toInt() >= 8 && match.captured(3).toInt() >= 1);
 }
 
 void tst_UpnpCoordinator::usableAddressesOfKnownInterfacesAreServed()
