@@ -1,7 +1,9 @@
 #include "logginginterface.h"
 #include "spinlock.h"
 #include "stdoutcapture.h"
+#include "igmpquerier.h"
 #include "upnpadaptor.h"
+#include "upnpinterfacehandler.h"
 #include "utils.h"
 
 #include <QtTest>
@@ -14,6 +16,8 @@ private slots:
     void deviceUuidComesFromTheWlanMac_data();
     void deviceUuidComesFromTheWlanMac();
     void escapeXmlKeepsTheDoubleEscaping();
+    void defaultsAreTheProtocols_data();
+    void defaultsAreTheProtocols();
     void spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked();
 };
 
@@ -81,6 +85,51 @@ void tst_Utils::deviceUuidComesFromTheWlanMac()
     QCOMPARE(Utils::wlanInterfaceName(), QString("mlan0"));
     qputenv("RAVO_MACHINE", "quarn-a");
     QCOMPARE(Utils::wlanInterfaceName(), QString("wlan0"));
+}
+
+void tst_Utils::defaultsAreTheProtocols_data()
+{
+    // What the daemon uses unless a test shrinks it: SSDP's (UPnP Device
+    // Architecture), IGMPv2's (RFC 2236) and the backend's, in milliseconds.
+    QTest::addColumn<qint64>("value");
+    QTest::addColumn<qint64>("expected");
+    const UpnpTimings ssdp;
+    const IGMPTimings igmp;
+    const struct
+    {
+        const char* name;
+        qint64 value, expected;
+    } rows[] = {
+        {"rescan", ssdp.rescanInterval, 10000},
+        {"first alive", ssdp.firstAnnouncement, 100},
+        {"alive repeat, least", ssdp.aliveRepeatMinimum, 870000},
+        {"alive repeat, steps", ssdp.aliveRepeatSteps, 900},
+        {"alive repeat, step", ssdp.aliveRepeatStep, 1000},
+        {"second burst, least", ssdp.secondBurstMinimum, 50},
+        {"second burst, spread", ssdp.secondBurstSpread, 100},
+        {"join retry", ssdp.joinRetryInterval, 30000},
+        {"join error line", ssdp.joinErrorLogInterval, 300000},
+        {"pending answers", SsdpAnswerSchedule::DefaultBudget, 65536},
+        {"largest datagram", Ssdp::MaxDatagramSize, 8192},
+        {"startup query interval", igmp.startupQueryInterval, 31250},
+        {"startup query count", igmp.startupQueryCount, 2},
+        {"query interval", igmp.queryInterval, 125000},
+        {"other querier present", igmp.otherQuerierPresentInterval, 255000},
+        {"group membership", igmp.groupMembershipInterval, 260000},
+        {"version 1 host present", igmp.version1HostPresentInterval, 260000},
+        {"last member query", igmp.lastMemberQueryInterval, 1000},
+        {"membership after a leave", igmp.leaveMembershipTimeout, 2000},
+        {"invoke timeout", SocketConnection::DefaultInvokeTimeoutMs, 5000},
+    };
+    for (const auto& row : rows)
+        QTest::newRow(row.name) << row.value << row.expected;
+}
+
+void tst_Utils::defaultsAreTheProtocols()
+{
+    QFETCH(qint64, value);
+    QFETCH(qint64, expected);
+    QCOMPARE(value, expected);
 }
 
 QTEST_GUILESS_MAIN(tst_Utils)

@@ -26,6 +26,12 @@ public:
     QByteArray take()
     {
         restore();
+        return peek();
+    }
+    // Everything written since construction, going on capturing.
+    QByteArray peek()
+    {
+        std::fflush(stdout);
         file.seek(0);
         return file.readAll();
     }

@@ -280,7 +280,8 @@ void tst_UpnpAdaptor::runStagesAndStatistics()
     QFile settings(dir.filePath("www/settings.json"));
     QVERIFY(settings.open(QIODevice::WriteOnly)); // empty does not count
     settings.close();
-    QTest::qWait(1200);
+    StdoutCapture retry;
+    QTRY_VERIFY(retry.peek().contains("325 delaying coordinator creation"));
     QVERIFY(!adaptor.coordinator());
     QVERIFY(settings.open(QIODevice::WriteOnly));
     settings.write("{}");
