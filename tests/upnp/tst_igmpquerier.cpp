@@ -187,18 +187,18 @@ void tst_IGMPQuerier::generalQueriesFollowTheScheduleAndTheElection()
     const qint64 quiet = recorder.clock.elapsed();
     QTRY_COMPARE_WITH_TIMEOUT(recorder.sent.size(), 2, 2000);
     QVERIFY(recorder.querier->isQuerier());
-    QVERIFY(recorder.sent.last().at - quiet >= 380);
+    QVERIFY(recorder.sent.last().at - quiet >= 370);
     // The election cut the startup phase short: the startup interval stays.
     QTRY_COMPARE_WITH_TIMEOUT(recorder.sent.size(), 3, 1000);
     QVERIFY(recorder.sent.at(2).at - recorder.sent.at(1).at < 600);
 
     // Undisturbed: at once, a startup interval later, then the query interval
-    // (Qt's coarse timers may fire up to 5 % early).
+    // (Qt's coarse timers may fire up to 5 % early, and the clock counts whole ms).
     QTRY_COMPARE_WITH_TIMEOUT(undisturbed.sent.size(), 3, 2000);
     for (const Sent& sent : undisturbed.sent + recorder.sent)
         QVERIFY(sent.destination == AllHosts && sent.message == membershipQuery(0));
     const qint64 first = undisturbed.sent.at(0).at, second = undisturbed.sent.at(1).at;
-    QVERIFY2(first < 50 && second >= 95 && second < 300 && undisturbed.sent.at(2).at - second >= 950,
+    QVERIFY2(first < 50 && second >= 90 && second < 300 && undisturbed.sent.at(2).at - second >= 940,
              qPrintable(QString("%1 %2 %3").arg(first).arg(second).arg(undisturbed.sent.at(2).at)));
 }
 
