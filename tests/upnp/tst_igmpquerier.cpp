@@ -101,13 +101,13 @@ private slots:
 
 void tst_IGMPQuerier::checksumsAndQueriesCarryTheGoldenBytes()
 {
-    // Odd lengths padded for the sum, the stored checksum ignored, carries folded.
+    // Odd lengths padded for the sum, the stored checksum ignored, carries folded twice.
     const struct
     {
         const char* hex;
         quint16 checksum;
     } rows[] = {{"", 0xFFFF}, {"12", 0xEDFF}, {"010203", 0xFEFD}, {"11641234 00000000", 0xEE9B},
-                {"ffff0000 ffffffff", 0x0000}, {"16000000 effffffa 07", 0xF304}};
+                {"ffff0000 ffffffff", 0x0000}, {"ffff0000 ffff0001", 0xFFFE}, {"16000000 effffffa 07", 0xF304}};
     for (const auto& row : rows) {
         QByteArray message = QByteArray::fromHex(row.hex);
         QCOMPARE(IGMPQuerier::calculateIGMPChecksum(message), row.checksum);
