@@ -13,6 +13,7 @@
 #include <QTimer>
 
 #include <cstdio>
+#include <malloc.h>
 
 class TestServer : public SocketAdaptor
 {
@@ -40,7 +41,9 @@ public slots:
     {
         return a + b + c + d + e + f + g + h + i + j;
     }
-    void nothing() {}
+    // Hands freed heap back to the system, so that the resident size shows
+    // what the server still holds; answers nothing.
+    void trimHeap() { malloc_trim(0); }
 
     // Calls in the order they are invoked.
     void record(QString tag) { recordedCalls << tag; }
@@ -49,11 +52,7 @@ public slots:
     void block(int ms) { QThread::msleep(ulong(ms)); }
 
     void notify(QString text) { emitSignal("changed(QString,int)", text, 42); }
-    int notifyThenAnswer(QString text)
-    {
-        notify(text);
-        return 7;
-    }
+    int notifyThenAnswer(QString text) { return notify(text), 7; }
 
     SocketPromise resultBeforeCallData(int value)
     {
@@ -61,19 +60,10 @@ public slots:
         promise.setResult(value * 2);
         return promise;
     }
-    SocketPromise resultLater(int value)
-    {
-        SocketPromise promise;
-        QTimer::singleShot(100, this, [promise, value] { promise.setResult(QString::number(value)); });
-        return promise;
-    }
     SocketPromise resultTwice()
     {
         SocketPromise promise;
-        QTimer::singleShot(50, this, [promise] {
-            promise.setResult(1);
-            promise.setResult(2);
-        });
+        QTimer::singleShot(50, this, [promise] { promise.setResult(1), promise.setResult(2); });
         return promise;
     }
     SocketPromise neverAnswered() { return SocketPromise(); }
@@ -81,7 +71,7 @@ public slots:
     SocketPromise resultAfter(int ms)
     {
         SocketPromise promise;
-        QTimer::singleShot(ms, this, [promise] { promise.setResult(true); });
+        QTimer::singleShot(ms, this, [promise, ms] { promise.setResult(QString::number(ms)); });
         return promise;
     }
 
@@ -117,9 +107,7 @@ int main(int argc, char* argv[])
     TestServer testServer;
     OddDatabase database;
     SocketAdaptor& server = option == "database" ? static_cast<SocketAdaptor&>(database) : testServer;
-    bool isNumber = false;
-    const int invokeTimeout = option.toInt(&isNumber);
-    if (isNumber)
+    if (const int invokeTimeout = option.toInt(); invokeTimeout > 0)
         server.setInvokeTimeoutInterval(invokeTimeout);
     const QString socketDir = QString::fromLocal8Bit(argv[1]);
     const bool listening = QByteArray(argv[2]) == "tcp" ? server.startTcpServer(socketDir, 0)

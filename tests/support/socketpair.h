@@ -1,9 +1,11 @@
 #ifndef SOCKETPAIR_H
 #define SOCKETPAIR_H
 
+#include "socketconnection.h"
 #include "socketserver.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 
@@ -63,6 +65,43 @@ inline QByteArray readAtLeast(Socket& socket, int count)
         bytes += socket.readAll();
     }
     return bytes;
+}
+
+// The resident size of a process, from the kernel.
+inline qint64 residentKiB(qint64 pid)
+{
+    QFile status(QString("/proc/%1/status").arg(pid));
+    status.open(QIODevice::ReadOnly);
+    const QByteArray text = status.readAll();
+    return text.mid(text.indexOf("VmRSS:") + 6).trimmed().split(' ').value(0).toLongLong();
+}
+
+// --- Messages as peers write them, built from the value encoders.
+
+inline QByteArray encodedValues(const QList<SocketArgument>& values)
+{
+    QByteArray bytes;
+    for (const SocketArgument& value : values)
+        SocketConnection::appendParameter(bytes, value);
+    return bytes;
+}
+
+inline QByteArray header(quint8 type)
+{
+    QByteArray bytes;
+    SocketConnection::appendValue(bytes, SocketConnection::MagicNumber);
+    SocketConnection::appendValue(bytes, type);
+    return bytes;
+}
+
+// Types 0 (with the query id), 1 and 2: the name, the values, the end tag.
+inline QByteArray message(quint8 type, const QByteArray& name, const QList<SocketArgument>& values = {},
+                          quint16 queryId = 0)
+{
+    QByteArray bytes = header(type);
+    if (type == SocketConnection::CallWithReturnMessage)
+        SocketConnection::appendValue(bytes, queryId);
+    return bytes + name + '\0' + encodedValues(values) + '\0';
 }
 
 #endif // SOCKETPAIR_H
