@@ -4,34 +4,11 @@
 // Input: one byte that chooses how the stream is cut, then the stream. It is
 // parsed whole, byte by byte and in pieces of pseudo-random sizes; all three
 // must hand out the same messages and leave the same bytes unparsed.
-#include "socketconnection.h"
+#include "rpcrecorder.h"
 
 #include <cstdlib>
 
 namespace {
-
-// What the parser hands out, as bytes.
-struct Recorder : SocketMessageReceiver
-{
-    QByteArray events;
-
-    void callReceived(SocketConnection* c, bool urgent) override { note(urgent ? "urgent " : "call ", c); }
-    void callDropped(SocketConnection*, quint16 id) override { events += "dropped " + QByteArray::number(id); }
-    void subscriptionReceived(SocketConnection*, const QByteArray& signature) override { events += signature; }
-    void returnValueReceived(SocketConnection*, quint16 id, bool success, const SocketArgument* value) override
-    {
-        events += "return " + QByteArray::number(id) + (success ? " ok " : " failed ");
-        if (value)
-            SocketConnection::appendParameter(events, *value);
-    }
-    void signalReceived(SocketConnection* c) override { note("signal ", c); }
-    void note(const char* kind, SocketConnection* c)
-    {
-        events += kind + c->getSignature() + QByteArray::number(c->getQueryId());
-        for (int i = 0; i < c->getParsedValueCount(); ++i)
-            SocketConnection::appendParameter(events, c->getParsedValue(i));
-    }
-};
 
 // cut 0: whole; 1: byte by byte; otherwise the seed of the pieces' sizes.
 QByteArray parse(const QByteArray& stream, quint32 cut)
@@ -44,7 +21,8 @@ QByteArray parse(const QByteArray& stream, quint32 cut)
         connection.appendReceivedData(stream.mid(from, piece));
         connection.parseReceivedData(SocketConnection::RPC_SIDE, &recorder);
     }
-    return recorder.events + connection.getClientName() + char(connection.isDropped()) + connection.unparsedData();
+    return recorder.events.join('\n').toUtf8() + connection.getClientName() + char(connection.isDropped())
+           + connection.unparsedData();
 }
 
 } // namespace

@@ -20,7 +20,7 @@ private slots:
     void valuesHaveTheirWireForm();
     void oddInputs_data();
     void oddInputs();
-    void stringMapSpellingsAndStrictConverters();
+    void stringMapSpellingsAndNoWidening();
 };
 
 namespace {
@@ -88,7 +88,7 @@ void tst_SocketArgument::valuesHaveTheirWireForm_data()
     row("double 1.0", 1.0, hex("0f 00000000 0000 1800"));
     row("double -2.5", -2.5, hex("0f 00000000 0000 2a80"));
     row("double 0.0", 0.0, hex("0f 00000000 0000 0000"));
-    row("double 0.1: the 53rd bit is dropped", 0.1, hex("0f cccccccc cccc dc7f"));
+    row("double 1 + 2^-52: the 53rd bit is dropped", 1.0 + std::ldexp(1.0, -52), hex("0f 00000000 0000 1800"));
     row("double 2^-1024", std::ldexp(1.0, -1024), hex("0f 00000000 0000 1840"));
     row("double 2^1023: the exponent wraps to 2^-1025", std::ldexp(1.0, 1023), hex("0f 00000000 0000 0840"));
     row("double NaN travels as zero", std::nan(""), hex("0f 00000000 0000 0000"));
@@ -215,7 +215,7 @@ void tst_SocketArgument::oddInputs()
     }
 }
 
-void tst_SocketArgument::stringMapSpellingsAndStrictConverters()
+void tst_SocketArgument::stringMapSpellingsAndNoWidening()
 {
     // Three spellings of the string map, kept exactly.
     const SocketArgument map(QMap<QString, QString>{{"k", "v"}});
@@ -227,25 +227,9 @@ void tst_SocketArgument::stringMapSpellingsAndStrictConverters()
     // An identifier travels as ten bytes but reports nine.
     QCOMPARE(SocketArgument(InternalId{}).size(), 9);
 
-    // Nothing widens or narrows: an int32 asked for as anything else gives the
-    // default and names its kind, 5; a string list asked for as int32 names 13.
-    const SocketArgument v(5), list(QStringList{"x"});
-    const QByteArray out = captureStdout([&] {
-        QVERIFY(v.toInt8() == 0 && v.toUInt8() == 0 && v.toInt16() == 0 && v.toUInt16() == 0
-                && list.toInt32() == 0 && v.toUInt32() == 0 && v.toInt64() == 0 && v.toUInt64() == 0
-                && !v.toBool() && v.toString8().isEmpty() && v.toQString().isEmpty()
-                && !v.toInternalId().isValid() && v.toDouble() == 0.0 && v.toInt32() == 5);
-    });
-    QByteArray expected, got;
-    for (const char* name : {"int8", "uint8", "int16", "uint16", "int32", "uint32", "int64", "uint64", "bool",
-                             "string8", "string16", "internalid", "double"})
-        expected += QByteArray("type is not ") + name + " - returning default value type= "
-                    + (qstrcmp(name, "int32") ? "5" : "13") + '\n';
-    // Behind "EE", the file name and the line number.
-    for (const QByteArray& line : out.split('\n'))
-        if (line.contains("EE "))
-            got += line.mid(line.indexOf("EE ") + 30) + '\n';
-    QCOMPARE(got, expected);
+    // Nothing widens or narrows: an int32 asked for as a uint32 is the default.
+    const QByteArray out = captureStdout([] { QCOMPARE(SocketArgument(5).toUInt32(), 0u); });
+    QVERIFY2(out.endsWith("type is not uint32 - returning default value type= 5\n"), out);
 }
 
 QTEST_GUILESS_MAIN(tst_SocketArgument)

@@ -1,9 +1,7 @@
-// rpctestserver SOCKETDIR local|tcp [INVOKETIMEOUTMS|database]
-//
-// An RPC service "com.zan.ravo.testserver" for the tests: slots that echo each
-// value kind, record calls in order, emit signals, and answer through
-// promises in every way a slot may. With "database": a configuration
-// database that answers with the wrong types. Prints "ready" once it listens.
+// rpctestserver SOCKETDIR local|tcp [INVOKETIMEOUTMS|database]: prints "ready"
+// once it listens as "com.zan.ravo.testserver", with slots that echo each value
+// kind, record calls, emit signals and answer through promises; or, with
+// "database", as a configuration database that answers with the wrong types.
 #include "logginginterface.h"
 #include "socketadaptor.h"
 #include "socketpromise.h"
@@ -22,21 +20,21 @@ class TestServer : public SocketAdaptor
 public slots:
     QString getModuleName() override { return QStringLiteral("com.zan.ravo.testserver"); }
 
-    QString echoString(QString value) { return value; }
-    QByteArray echoBytes(QByteArray value) { return value; }
-    char echoInt8(char value) { return value; }
-    uchar echoUInt8(uchar value) { return value; }
-    ushort echoUInt16(ushort value) { return value; }
-    int echoInt32(int value) { return value; }
-    uint echoUInt32(uint value) { return value; }
-    qlonglong echoInt64(qlonglong value) { return value; }
-    qulonglong echoUInt64(qulonglong value) { return value; }
-    bool echoBool(bool value) { return value; }
-    double echoDouble(double value) { return value; }
-    QStringList echoStrings(QStringList value) { return value; }
-    QList<int> echoInts(QList<int> value) { return value; }
-    InternalId echoId(InternalId value) { return value; }
-    QVariantMap echoMap(QVariantMap value) { return value; }
+    QString echo(QString value) { return value; }
+    QByteArray echo(QByteArray value) { return value; }
+    char echo(char value) { return value; }
+    uchar echo(uchar value) { return value; }
+    ushort echo(ushort value) { return value; }
+    int echo(int value) { return value; }
+    uint echo(uint value) { return value; }
+    qlonglong echo(qlonglong value) { return value; }
+    qulonglong echo(qulonglong value) { return value; }
+    bool echo(bool value) { return value; }
+    double echo(double value) { return value; }
+    QStringList echo(QStringList value) { return value; }
+    QList<int> echo(QList<int> value) { return value; }
+    InternalId echo(InternalId value) { return value; }
+    QVariantMap echo(QVariantMap value) { return value; }
     int add(int a, int b, int c, int d, int e, int f, int g, int h, int i, int j)
     {
         return a + b + c + d + e + f + g + h + i + j;
@@ -98,10 +96,8 @@ public slots:
 int main(int argc, char* argv[])
 {
     QCoreApplication app(argc, argv);
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: %s SOCKETDIR local|tcp [INVOKETIMEOUTMS|database]\n", argv[0]);
+    if (argc < 3)
         return 2;
-    }
     initLogging(false, false, false, true);
     const QByteArray option = argc > 3 ? argv[3] : "";
     TestServer testServer;
