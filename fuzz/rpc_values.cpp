@@ -1,9 +1,9 @@
 // Fuzz target: the value decoders, nested variant maps and lists included.
 //
 // Input: a value tag, then a body. A decoder moves the position only when it
-// is done, fewer bytes than it took are never enough, and the scanner that
-// guards the stream parser agrees on whether the body is complete or over the
-// limits.
+// is done, and no shorter prefix of a body is ever enough. The scanner that
+// guards the stream parser, fed byte by byte, agrees on where the body ends,
+// and on whether it is stuck or over the limits.
 #include "socketconnection.h"
 
 #include <cstdlib>
@@ -16,20 +16,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const quint8 tag = data[0];
     const char* body = reinterpret_cast<const char*>(data) + 1;
     const int length = int(size) - 1;
-    SocketArgument value, prefix;
-    int pos = 0, prefixPos = 0, budget = SocketArgument::MaxDecodedElements;
+    SocketArgument value;
+    int pos = 0, budget = SocketArgument::MaxDecodedElements;
     const int result = value.parseNextValue(body, pos, length, tag, budget);
     const bool done = result == SocketArgument::ParseDone;
     if (done ? value.getType() != tag || pos > length : pos != 0)
         std::abort();
-    if (done && pos > 0 && (prefix.parseNextValue(body, prefixPos, pos - 1, tag) != SocketArgument::ParseNeedMore || prefixPos))
-        std::abort();
+    // Every shorter prefix of a small body, the longest of a large one.
+    for (int cut = pos < 512 ? 0 : pos - 1; done && cut < pos; ++cut) {
+        SocketArgument prefix;
+        int p = 0;
+        if (prefix.parseNextValue(body, p, cut, tag) != SocketArgument::ParseNeedMore || p != 0)
+            std::abort();
+    }
     if (SocketValueScanner::isNeededFor(tag)) {
         SocketValueScanner scanner;
         scanner.start(tag, std::numeric_limits<qint64>::max(), SocketArgument::MaxDecodedElements);
-        const SocketValueScanner::Result scanned = scanner.scan(body, length);
-        if (done != (scanned == SocketValueScanner::Complete)
-            || (result == SocketArgument::ParseOverLimit) != (scanned == SocketValueScanner::OverLimit))
+        SocketValueScanner::Result scanned = SocketValueScanner::NeedMore;
+        int available = 0;
+        while (available <= length && (scanned = scanner.scan(body, available)) == SocketValueScanner::NeedMore)
+            ++available;
+        if ((scanned == SocketValueScanner::Complete) != (done && available == pos)
+            || (scanned == SocketValueScanner::OverLimit) != (result == SocketArgument::ParseOverLimit))
             std::abort();
     }
     QByteArray again;

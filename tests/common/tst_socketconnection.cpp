@@ -24,16 +24,13 @@ private slots:
 
 namespace {
 
-QByteArray hex(const char* text)
-{
-    return QByteArray::fromHex(text);
-}
+QByteArray hex(const char* text) { return QByteArray::fromHex(text); }
 
 QList<SocketArgument> ints(int count)
 {
     QList<SocketArgument> values;
-    for (int i = 0; i < count; ++i)
-        values.append(i);
+    while (values.size() < count)
+        values << values.size();
     return values;
 }
 

@@ -21,16 +21,12 @@ public:
     }
 
     void callDropped(SocketConnection*, quint16 id) override { events << line("dropped", "", {}, id); }
+    // Only a call with return carries a query id.
     void callReceived(SocketConnection* c, bool urgent) override
     {
-        // Only a call with return carries a query id.
-        events << line(urgent ? "urgent" : "call", c->getSignature(), values(c),
-                       c->getMessageType() == SocketConnection::CallWithReturnMessage ? c->getQueryId() : 0);
+        events << line(urgent ? "urgent" : "call", c->getSignature(), values(c), c->getMessageType() ? 0 : c->getQueryId());
     }
-    void subscriptionReceived(SocketConnection*, const QByteArray& signature) override
-    {
-        events << line("subscription", signature);
-    }
+    void subscriptionReceived(SocketConnection*, const QByteArray& signature) override { events << line("subscription", signature); }
     void returnValueReceived(SocketConnection*, quint16 id, bool success, const SocketArgument* value) override
     {
         events << line("return", success ? "ok" : "failed", value ? QList<SocketArgument>{*value} : QList<SocketArgument>(), id);
@@ -41,8 +37,8 @@ private:
     static QList<SocketArgument> values(SocketConnection* c)
     {
         QList<SocketArgument> list;
-        for (int i = 0; i < c->getParsedValueCount(); ++i)
-            list << c->getParsedValue(i);
+        while (list.size() < c->getParsedValueCount())
+            list << c->getParsedValue(list.size());
         return list;
     }
 };

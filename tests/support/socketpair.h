@@ -4,7 +4,6 @@
 #include "socketconnection.h"
 #include "socketserver.h"
 
-#include <QElapsedTimer>
 #include <QFile>
 #include <QTest>
 #include <QTemporaryDir>

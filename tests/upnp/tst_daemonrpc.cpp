@@ -23,9 +23,7 @@ int answer(QLocalSocket& client, const QByteArray& call = Statistics)
 {
     client.readAll();
     client.write(call);
-    QElapsedTimer timer;
-    timer.start();
-    while (client.bytesAvailable() < 8 && !timer.hasExpired(2000))
+    for (QDeadlineTimer deadline(2000); client.bytesAvailable() < 8 && !deadline.hasExpired();)
         client.waitForReadyRead(100);
     return client.bytesAvailable() < 8 ? -1 : client.peek(8).at(7);
 }
@@ -142,10 +140,8 @@ void tst_DaemonRpc::slowAndBusyClientsStallNobody()
     QVERIFY(start());
     std::unique_ptr<QLocalSocket> other = connectClient(), offender = connectClient();
     offender->setReadBufferSize(1);
-    QElapsedTimer timer;
-    timer.start();
     qint64 slowest = 0;
-    while (!timer.hasExpired(3000) && offender->state() == QLocalSocket::ConnectedState) {
+    for (QDeadlineTimer deadline(3000); !deadline.hasExpired() && offender->state() == QLocalSocket::ConnectedState;) {
         offender->write(batch);
         while (offender->bytesToWrite() > 0 && offender->waitForBytesWritten(500)) {
         }
