@@ -107,14 +107,19 @@ Socket* SocketServer::nextPendingConnection()
         case ENFILE:
         case ENOBUFS:
         case ENOMEM:
+            // At the limit the kernel says so even when nobody is waiting.
             if (!refusing)
                 CLOG(Error) << "out of descriptors: refusing new clients";
             refusing = true;
-            if (++refused > MaxRefusedPerTurn || !refuseOne()) {
-                pauseAccepting();
-                return nullptr;
+            switch (refuseOne()) {
+            case Refused:
+                if (++refused < MaxRefusedPerTurn)
+                    continue;
+                return nullptr; // the rest at the next turn
+            case NobodyWaiting: return nullptr;
+            case Failed: pauseAccepting(); return nullptr;
             }
-            continue;
+            return nullptr;
         default: {
             failed(-1);
             const QString text = lastError;
@@ -127,16 +132,17 @@ Socket* SocketServer::nextPendingConnection()
     return nullptr;
 }
 
-bool SocketServer::refuseOne()
+SocketServer::Refusal SocketServer::refuseOne()
 {
     if (spare < 0 && (spare = openSpare()) < 0)
-        return false;
+        return Failed;
     ::close(spare);
     const int descriptor = acceptPeer(listener);
+    const int error = errno;
     if (descriptor >= 0)
         ::close(descriptor);
     spare = openSpare();
-    return descriptor >= 0;
+    return descriptor >= 0 ? Refused : error == EAGAIN ? NobodyWaiting : Failed;
 }
 
 void SocketServer::pauseAccepting()

@@ -50,7 +50,8 @@ private slots:
     void onActivated();
 
 private:
-    bool refuseOne();
+    enum Refusal { Refused, NobodyWaiting, Failed };
+    Refusal refuseOne();
     void pauseAccepting();
 
     int listener = -1;
