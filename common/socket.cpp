@@ -1,6 +1,5 @@
 #include "socket.h"
 
-#include <QLocalServer>
 
 Socket::Socket(QObject* parent) : QObject(parent)
 {
@@ -20,18 +19,13 @@ LocalSocket::LocalSocket(QObject* parent) : Socket(parent), socket(new QLocalSoc
     attach();
 }
 
-LocalSocket::LocalSocket(QLocalSocket* accepted, QObject* parent) : Socket(parent), socket(accepted)
+LocalSocket::LocalSocket(QLocalSocket* accepted, const QString& serverName, QObject* parent)
+    : Socket(parent), socket(accepted)
 {
-    if (socket) {
-        // An accepted socket knows no server name of its own; the server that
-        // accepted it is still its parent here.
-        QString name = socket->serverName();
-        if (const auto* server = qobject_cast<QLocalServer*>(socket->parent()); server && name.isEmpty())
-            name = server->serverName();
-        setPeerName(name);
-        // It must live as long as this wrapper, whatever becomes of the server.
+    // An accepted socket knows no server name of its own.
+    setPeerName(serverName);
+    if (socket)
         socket->setParent(this);
-    }
     attach();
 }
 
@@ -121,6 +115,23 @@ QByteArray LocalSocket::readAll()
 QAbstractSocket::SocketState LocalSocket::state() const
 {
     return socket ? QAbstractSocket::SocketState(socket->state()) : QAbstractSocket::UnconnectedState;
+}
+
+bool LocalSocket::writeBuffered()
+{
+    // QLocalSocket::flush() writes what the kernel takes, without waiting.
+    return socket && (socket->flush() || socket->state() == QLocalSocket::ConnectedState);
+}
+
+void LocalSocket::abort()
+{
+    if (socket)
+        socket->abort();
+}
+
+qintptr LocalSocket::descriptor() const
+{
+    return socket ? socket->socketDescriptor() : -1;
 }
 
 TcpSocket::TcpSocket(QObject* parent) : Socket(parent), socket(new QTcpSocket(this))
@@ -239,4 +250,21 @@ QByteArray TcpSocket::readAll()
 QAbstractSocket::SocketState TcpSocket::state() const
 {
     return socket ? socket->state() : QAbstractSocket::UnconnectedState;
+}
+
+bool TcpSocket::writeBuffered()
+{
+    // QAbstractSocket::flush() writes what the kernel takes, without waiting.
+    return socket && (socket->flush() || socket->state() == QAbstractSocket::ConnectedState);
+}
+
+void TcpSocket::abort()
+{
+    if (socket)
+        socket->abort();
+}
+
+qintptr TcpSocket::descriptor() const
+{
+    return socket ? socket->socketDescriptor() : -1;
 }

@@ -42,6 +42,14 @@ public slots:
     virtual QByteArray readAll() = 0;
     // QLocalSocket's states have the same numbers as QAbstractSocket's.
     virtual QAbstractSocket::SocketState state() const = 0;
+    // Writes as much of the output buffer as the kernel takes now, without
+    // waiting; the rest leaves from the event loop. False when the socket failed.
+    virtual bool writeBuffered() = 0;
+    // Closes at once, dropping what is buffered either way; disconnected()
+    // follows, from inside the call when the socket was connected.
+    virtual void abort() = 0;
+    // The operating system's descriptor, or -1.
+    virtual qintptr descriptor() const = 0;
 
 signals:
     void error(QString text);
@@ -68,7 +76,7 @@ public:
     explicit LocalSocket(QObject* parent = nullptr);
     // Takes over an accepted socket, which becomes this object's child; its
     // peer name is the name of the server that accepted it.
-    explicit LocalSocket(QLocalSocket* socket, QObject* parent = nullptr);
+    LocalSocket(QLocalSocket* socket, const QString& serverName, QObject* parent = nullptr);
     ~LocalSocket() override;
 
     // Connects to the local server of this name (a path or a name in the
@@ -88,6 +96,9 @@ public:
     qint64 write(const char* data, qint64 length) override;
     QByteArray readAll() override;
     QAbstractSocket::SocketState state() const override;
+    bool writeBuffered() override;
+    void abort() override;
+    qintptr descriptor() const override;
 
 private slots:
     void onError(QLocalSocket::LocalSocketError code);
@@ -125,6 +136,9 @@ public:
     qint64 write(const char* data, qint64 length) override;
     QByteArray readAll() override;
     QAbstractSocket::SocketState state() const override;
+    bool writeBuffered() override;
+    void abort() override;
+    qintptr descriptor() const override;
 
 private slots:
     void onError(QAbstractSocket::SocketError code);

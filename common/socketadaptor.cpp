@@ -10,25 +10,52 @@
 #include <QFile>
 #include <QMetaMethod>
 #include <QSaveFile>
+#include <QVarLengthArray>
+
+#include <deque>
 
 namespace {
 
-constexpr int ResultFlushMs = 120000;
-constexpr int SignalFlushMs = 1000;
+// Connections accepted in one go; more wait for the next turn of the event loop.
+constexpr int MaxAcceptsPerTurn = 64;
+// The answer buffer is kept between calls unless a large answer grew it.
+constexpr int KeptAnswerCapacity = 64 * 1024;
 
 } // namespace
+
+// What the server keeps for one client.
+struct SocketAdaptor::Client
+{
+    // Null once the client has gone; its calls may still be waiting.
+    SocketConnection* connection = nullptr;
+    QSet<QByteArray> subscriptions;
+    std::deque<SocketCall> calls;
+    bool inTurns = false;
+    // Against the limits: calls waiting (in calls and in the priority queue),
+    // and what they and the subscriptions hold.
+    int queuedCalls = 0;
+    qint64 heldBytes = 0;
+};
 
 SocketAdaptor::SocketAdaptor(QObject* parent) : QObject(parent)
 {
     pendingCallTimer.setSingleShot(true);
     connect(&pendingCallTimer, &QTimer::timeout, this, &SocketAdaptor::onPendingCallTimer);
+    relistenTimer.setSingleShot(true);
+    connect(&relistenTimer, &QTimer::timeout, this, &SocketAdaptor::onRelistenTimer);
+    outgoing.reserve(256);
 }
 
 SocketAdaptor::~SocketAdaptor()
 {
     CLOG(Notice) << "SocketAdaptor destruct";
     delete server;
-    qDeleteAll(connections);
+    for (Client* client : qAsConst(clients)) {
+        turns.removeOne(client);
+        delete client->connection;
+        delete client;
+    }
+    qDeleteAll(turns);
 }
 
 void SocketAdaptor::listenOn(SocketServer* listener)
@@ -36,10 +63,13 @@ void SocketAdaptor::listenOn(SocketServer* listener)
     delete server;
     server = listener;
     connect(server, &SocketServer::newConnection, this, &SocketAdaptor::onNewConnection);
+    connect(server, &SocketServer::error, this, &SocketAdaptor::onServerError);
 }
 
 bool SocketAdaptor::startLocalServer(const QString& socketDir)
 {
+    listenDir = socketDir;
+    listenPort = -1;
     const QString path = socketDir + QLatin1Char('/') + getModuleName();
     QFile::remove(path);
     auto* local = new LocalServer(this);
@@ -54,6 +84,8 @@ bool SocketAdaptor::startLocalServer(const QString& socketDir)
 
 bool SocketAdaptor::startTcpServer(const QString& socketDir, quint16 port)
 {
+    listenDir = socketDir;
+    listenPort = port;
     auto* tcp = new TcpServer(this);
     listenOn(tcp);
     socketType = SocketConnection::TcpSocketType;
@@ -61,10 +93,12 @@ bool SocketAdaptor::startTcpServer(const QString& socketDir, quint16 port)
         CLOG(Error) << "cannot listen on port" << QString::number(port) << tcp->errorString();
         return false;
     }
-    // Replaced in one step: a client never reads a half-written port.
+    // Replaced in one step: a client never reads a half-written port. Readable
+    // by the owner's group, as the local sockets are.
     QSaveFile portFile(socketDir + QLatin1Char('/') + getModuleName() + QStringLiteral(".port"));
-    if (!portFile.open(QIODevice::WriteOnly) || portFile.write(QByteArray::number(tcp->getPort())) < 0
-        || !portFile.commit()) {
+    if (!portFile.open(QIODevice::WriteOnly)
+        || !portFile.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup)
+        || portFile.write(QByteArray::number(tcp->getPort())) < 0 || !portFile.commit()) {
         CLOG(Error) << "cannot write port file" << portFile.fileName() << portFile.errorString();
         return false;
     }
@@ -73,25 +107,60 @@ bool SocketAdaptor::startTcpServer(const QString& socketDir, quint16 port)
 
 bool SocketAdaptor::startSocketActivatedServer(int socketDescriptor)
 {
+    listenDir.clear();
     auto* tcp = new TcpServer(this);
     listenOn(tcp);
     socketType = SocketConnection::TcpSocketType;
     return tcp->listen(socketDescriptor);
 }
 
+void SocketAdaptor::onServerError(const QString& text)
+{
+    // Not from here: the failed listener is still on the stack.
+    CLOG(Error) << "the listener failed:" << text;
+    if (!listenDir.isEmpty())
+        relistenTimer.start(0);
+}
+
+void SocketAdaptor::onRelistenTimer()
+{
+    const bool listening = listenPort < 0 ? startLocalServer(listenDir) : startTcpServer(listenDir, quint16(listenPort));
+    if (listening)
+        CLOG(Notice) << "listening again in" << listenDir;
+    else
+        relistenTimer.start(RelistenMs);
+}
+
 void SocketAdaptor::onNewConnection()
 {
-    Socket* socket = server ? server->nextPendingConnection() : nullptr;
-    if (!socket)
-        return;
+    for (int i = 0; server && i < MaxAcceptsPerTurn; ++i) {
+        Socket* socket = server->nextPendingConnection();
+        if (!socket)
+            return;
+        if (clients.size() < MaxConnections) {
+            accept(socket);
+            continue;
+        }
+        // Closed at once rather than left waiting in the backlog: the client
+        // learns at once, and the others are not held up.
+        if (!refusing)
+            CLOG(Error) << "limit of" << MaxConnections << "clients reached: new ones are closed at once";
+        refusing = true;
+        delete socket;
+    }
+}
+
+void SocketAdaptor::accept(Socket* socket)
+{
     auto* connection = new SocketConnection(socket);
     connection->setInvokeTimeoutInterval(invokeTimeoutInterval);
-    connections.insert(socket, connection);
+    auto* client = new Client;
+    client->connection = connection;
+    clients.insert(socket, client);
     connect(connection, &SocketConnection::invokeTimeout, this, &SocketAdaptor::onInvokeTimeout);
     connect(socket, &Socket::readyRead, this, &SocketAdaptor::onReadyRead);
     connect(socket, &Socket::disconnected, this, &SocketAdaptor::onDisconnected);
     emit clientConnected(QString::fromUtf8(connection->getClientName()));
-    onPendingCallTimer();
     // Bytes that came with the connection do not announce themselves again.
     if (socket->bytesAvailable() > 0)
         read(connection);
@@ -99,12 +168,12 @@ void SocketAdaptor::onNewConnection()
 
 void SocketAdaptor::onReadyRead()
 {
-    SocketConnection* connection = connections.value(qobject_cast<Socket*>(sender()));
-    if (!connection) {
+    const Client* client = clients.value(qobject_cast<Socket*>(sender()));
+    if (!client) {
         CLOG(Warning) << "onReadyRead for unknown connection";
         return;
     }
-    read(connection);
+    read(client->connection);
 }
 
 void SocketAdaptor::read(SocketConnection* connection)
@@ -113,16 +182,41 @@ void SocketAdaptor::read(SocketConnection* connection)
     connection->parseReceivedData(SocketConnection::ServerSide, this);
 }
 
+SocketAdaptor::Client* SocketAdaptor::clientOf(const SocketConnection* connection) const
+{
+    return connection ? clients.value(connection->getSocket()) : nullptr;
+}
+
 void SocketAdaptor::subscriptionReceived(SocketConnection* connection, const QByteArray& signature)
 {
+    Client* client = clientOf(connection);
+    if (!client)
+        return;
     const QByteArray normalized = QMetaObject::normalizedSignature(signature.constData());
-    subscriptions[connection].insert(normalized);
+    if (!client->subscriptions.contains(normalized)) {
+        client->heldBytes += normalized.size() + ElementChargeBytes;
+        if (client->heldBytes > MaxBufferedBytes) {
+            drop(connection, QStringLiteral("more than %1 bytes held").arg(MaxBufferedBytes));
+            return;
+        }
+        client->subscriptions.insert(normalized);
+    }
     emit signalSubscribed(normalized);
 }
 
 void SocketAdaptor::callReceived(SocketConnection* connection, bool urgent)
 {
     invokeLater(connection, urgent);
+}
+
+void SocketAdaptor::callDropped(SocketConnection* connection, quint16 queryId)
+{
+    SocketCall call;
+    call.connection = connection;
+    call.queryId = queryId;
+    call.wantsReturn = true;
+    call.dropped = true;
+    enqueue(std::move(call), false);
 }
 
 void SocketAdaptor::invokeLater(SocketConnection* connection, bool urgent)
@@ -135,37 +229,95 @@ void SocketAdaptor::invokeLater(SocketConnection* connection, bool urgent)
     call.wantsReturn = connection->getMessageType() == SocketConnection::CallWithReturnMessage;
     for (int i = 0; i < connection->getParsedValueCount() && i < SocketCall::MaxArguments; ++i)
         call.arguments[i] = connection->getParsedValue(i);
-    (urgent ? priorityQueue : normalQueue).append(call);
-    pendingCallTimer.start(0);
+    call.charge = connection->getMessageSize() + qint64(ElementChargeBytes) * connection->getMessageElements();
+    enqueue(std::move(call), urgent);
+}
+
+void SocketAdaptor::enqueue(SocketCall&& call, bool urgent)
+{
+    SocketConnection* connection = call.connection;
+    Client* client = clientOf(connection);
+    if (!client)
+        return;
+    if (client->queuedCalls >= MaxQueuedCalls) {
+        drop(connection, QStringLiteral("more than %1 calls waiting").arg(MaxQueuedCalls));
+        return;
+    }
+    if (client->heldBytes + call.charge + connection->unparsedSize() > MaxBufferedBytes) {
+        drop(connection, QStringLiteral("more than %1 bytes held").arg(MaxBufferedBytes));
+        return;
+    }
+    ++client->queuedCalls;
+    client->heldBytes += call.charge;
+    if (urgent) {
+        priorityQueue.append(std::move(call));
+    } else {
+        client->calls.push_back(std::move(call));
+        if (!client->inTurns) {
+            client->inTurns = true;
+            turns.append(client);
+        }
+    }
+    if (!pendingCallTimer.isActive())
+        pendingCallTimer.start(0);
+}
+
+void SocketAdaptor::release(const SocketCall& call)
+{
+    if (Client* client = clientOf(call.connection)) {
+        --client->queuedCalls;
+        client->heldBytes -= call.charge;
+    }
 }
 
 void SocketAdaptor::onPendingCallTimer()
 {
     if (!priorityQueue.isEmpty()) {
-        while (!priorityQueue.isEmpty())
-            invoke(priorityQueue.takeFirst());
-    } else if (!normalQueue.isEmpty()) {
-        // One call per event-loop turn: a busy client cannot hold up the others.
-        invoke(normalQueue.takeFirst());
+        while (!priorityQueue.isEmpty()) {
+            const SocketCall call = priorityQueue.takeFirst();
+            release(call);
+            invoke(call);
+        }
+    } else if (!turns.isEmpty()) {
+        // One call of the client whose turn it is; then it waits behind the
+        // others that have calls waiting.
+        Client* client = turns.takeFirst();
+        const SocketCall call = std::move(client->calls.front());
+        client->calls.pop_front();
+        client->inTurns = !client->calls.empty();
+        if (client->inTurns)
+            turns.append(client);
+        else if (!client->connection)
+            delete client; // it has left, and this was its last call
+        release(call);
+        invoke(call);
     }
-    if (!normalQueue.isEmpty() || !priorityQueue.isEmpty())
+    if (!priorityQueue.isEmpty() || !turns.isEmpty())
         pendingCallTimer.start(0);
 }
 
 void SocketAdaptor::invoke(const SocketCall& call)
 {
-    ProfileScope profile(call.signature.constData());
     // A client that has gone is not answered; its call is carried out all the
     // same, as a client that sends and leaves (a "quit" without return) expects.
     const bool answer = call.wantsReturn && call.connection;
+    if (call.dropped) {
+        if (answer)
+            sendFailedReturnValue(call.connection, call.queryId);
+        return;
+    }
     const QMetaObject* meta = metaObject();
     const int index = meta->indexOfMethod(call.signature.constData());
-    if (index < 0) {
+    // Only what the service's own class declares: what it inherits
+    // (deleteLater(), startLocalServer() and the like) is not for other processes.
+    if (index < meta->methodOffset()) {
         CLOG(Error) << "invalid signature" << call.signature;
         if (answer)
             sendFailedReturnValue(call.connection, call.queryId);
         return;
     }
+    // Only methods that exist are timed: the table stays as small as the class.
+    ProfileScope profile(call.signature.constData());
     const QMetaMethod method = meta->method(index);
 
     QGenericArgument arguments[SocketCall::MaxArguments];
@@ -193,12 +345,29 @@ void SocketAdaptor::invoke(const SocketCall& call)
         CLOG(Error) << QStringLiteral("invoke of %1 failed").arg(QString::fromUtf8(call.signature));
 }
 
+bool SocketAdaptor::send(SocketConnection* connection, const QByteArray& message)
+{
+    // A client that does not read is not waited for: past its limit it goes.
+    if (connection->pendingOutput() > MaxOutputBytes) {
+        drop(connection, QStringLiteral("more than %1 bytes unread").arg(MaxOutputBytes));
+        return false;
+    }
+    return connection->queueMessage(message);
+}
+
 bool SocketAdaptor::sendResult(const SocketCall& call, const SocketArgument& value)
 {
     SocketConnection* connection = call.connection;
-    if (!connection)
+    if (!connection || !clientOf(connection))
         return false;
-    if (!connection->writeReturnValue(call.queryId, true, &value) || !connection->flush(ResultFlushMs)) {
+    outgoing.resize(0);
+    SocketConnection::appendReturnValue(outgoing, call.queryId, true, &value);
+    const bool sent = send(connection, outgoing);
+    if (outgoing.capacity() > KeptAnswerCapacity) {
+        outgoing = QByteArray();
+        outgoing.reserve(256);
+    }
+    if (!sent) {
         CLOG(Error) << "failed to write pending bytes";
         return false;
     }
@@ -207,7 +376,10 @@ bool SocketAdaptor::sendResult(const SocketCall& call, const SocketArgument& val
 
 bool SocketAdaptor::sendFailedReturnValue(SocketConnection* connection, quint16 queryId)
 {
-    if (!connection || !connection->writeReturnValue(queryId, false, nullptr) || !connection->flush(ResultFlushMs)) {
+    outgoing.resize(0);
+    if (connection)
+        SocketConnection::appendReturnValue(outgoing, queryId, false, nullptr);
+    if (!connection || !clientOf(connection) || !send(connection, outgoing)) {
         CLOG(Error) << "failed to send return value of" << QString::number(queryId);
         return false;
     }
@@ -219,9 +391,11 @@ void SocketAdaptor::onInvokeTimeout()
     auto* connection = qobject_cast<SocketConnection*>(sender());
     if (!connection)
         return;
+    // The timer runs only while this call is being parsed: the query id is its own.
     const QByteArray signature = connection->getSignature();
+    const quint16 queryId = connection->getQueryId();
     connection->resetParser();
-    sendFailedReturnValue(connection, connection->getQueryId());
+    callDropped(connection, queryId);
     CLOG(Error) << "Failed to invoke" << signature << "probably due to an invalid signature";
 }
 
@@ -237,8 +411,8 @@ void SocketAdaptor::emitSignal(const char* signature, const SocketArgument& a1, 
 bool SocketAdaptor::isSignalSubscribed(const char* signature) const
 {
     const QByteArray normalized = QMetaObject::normalizedSignature(signature);
-    for (const QSet<QByteArray>& subscribed : subscriptions)
-        if (subscribed.contains(normalized))
+    for (const Client* client : clients)
+        if (client->subscriptions.contains(normalized))
             return true;
     return false;
 }
@@ -246,50 +420,75 @@ bool SocketAdaptor::isSignalSubscribed(const char* signature) const
 void SocketAdaptor::emitSignalWithArgumentList(const char* signature, const QList<const SocketArgument*>& arguments)
 {
     const QByteArray normalized = QMetaObject::normalizedSignature(signature);
+    // Writing can drop a subscriber (over its limit) or find it gone, and that
+    // removes it from the clients while this runs: go over a snapshot, and
+    // look each one up again before writing to it.
+    QVarLengthArray<Socket*, 32> subscribers;
+    for (auto it = clients.cbegin(); it != clients.cend(); ++it)
+        if (it.value()->subscriptions.contains(normalized))
+            subscribers.append(it.key());
+    if (subscribers.isEmpty()) {
+        CLOG(Warning) << "emitted signal with no subscribers" << normalized;
+        return;
+    }
     // One message for all subscribers, written with one write each.
     QByteArray message;
-    SocketConnection::appendValue(message, SocketConnection::MagicNumber);
-    SocketConnection::appendValue(message, quint8(SocketConnection::SignalMessage));
-    message += normalized.left(normalized.indexOf('('));
-    message += '\0';
-    for (const SocketArgument* argument : arguments) {
-        if (!argument || !argument->isValid())
-            break;
-        SocketConnection::appendParameter(message, *argument);
-    }
-    message += '\0';
-
-    bool subscribed = false;
-    for (auto it = subscriptions.cbegin(); it != subscriptions.cend(); ++it) {
-        if (!it.value().contains(normalized))
-            continue;
-        subscribed = true;
-        SocketConnection* connection = it.key();
-        if (!connection->writeData(message.constData(), message.size())) {
+    SocketConnection::appendSignal(message, normalized.left(normalized.indexOf('(')), arguments);
+    for (Socket* socket : subscribers) {
+        const Client* client = clients.value(socket);
+        if (client && !send(client->connection, message))
             CLOG(Error) << "failed to send signal" << normalized;
-        } else if (!connection->flush(SignalFlushMs)) {
-            const qint64 remaining = connection->getSocket() ? connection->getSocket()->bytesToWrite() : 0;
-            CLOG(Error) << "failed to write pending bytes, remaining" << QString::number(remaining);
-        }
     }
-    if (!subscribed)
-        CLOG(Warning) << "emitted signal with no subscribers" << normalized;
+}
+
+void SocketAdaptor::drop(SocketConnection* connection, const QString& reason)
+{
+    Socket* socket = connection->getSocket();
+    connection->dropForLimit(reason);
+    // The abort has usually reported the disconnection already.
+    if (clients.contains(socket))
+        removeClient(socket);
 }
 
 void SocketAdaptor::onDisconnected()
 {
     auto* socket = qobject_cast<Socket*>(sender());
-    SocketConnection* connection = connections.take(socket);
-    if (!connection) {
+    if (!clients.contains(socket)) {
         CLOG(Warning) << "unknown client disconnected";
         return;
     }
-    subscriptions.remove(connection);
-    // Its queued calls are still carried out, but never answered on a released connection.
-    for (QList<SocketCall>* queue : {&normalQueue, &priorityQueue})
-        for (SocketCall& call : *queue)
-            if (call.connection == connection)
-                call.connection = nullptr;
+    removeClient(socket);
+}
+
+void SocketAdaptor::removeClient(Socket* socket)
+{
+    Client* client = clients.take(socket);
+    SocketConnection* connection = client->connection;
+    socket->disconnect(this);
+    connection->disconnect(this);
+    // The calls of a client dropped for its limits are discarded; those of a
+    // client that left are carried out, but never answered on a released
+    // connection.
+    const bool discard = connection->isDropped();
+    for (int i = priorityQueue.size() - 1; i >= 0; --i) {
+        if (priorityQueue.at(i).connection != connection)
+            continue;
+        if (discard)
+            priorityQueue.removeAt(i);
+        else
+            priorityQueue[i].connection = nullptr;
+    }
+    if (discard)
+        client->calls.clear();
+    for (SocketCall& call : client->calls)
+        call.connection = nullptr;
+    client->connection = nullptr;
+    if (client->calls.empty()) {
+        turns.removeOne(client);
+        delete client;
+    }
+    if (clients.size() < MaxConnections)
+        refusing = false;
     emit clientDisconnected(QString::fromUtf8(connection->getClientName()));
     // Both may be inside their own signal handlers right now.
     socket->deleteLater();

@@ -29,25 +29,56 @@ struct SocketCall
     QByteArray signature; // e.g. run(int)
     quint16 queryId = 0;
     bool wantsReturn = false;
+    // Dropped as it arrived (broken, too many values, not complete in time):
+    // answered failed in its turn, never invoked.
+    bool dropped = false;
+    // What it holds of its client's buffered bytes.
+    qint64 charge = 0;
     SocketArgument arguments[MaxArguments];
 };
 
 // The server end of the backend's RPC: makes this object's slots callable by
 // other processes, by their signature text, and sends its signals to the
 // clients that subscribed to them. Listens on a local socket
-// (socketDir/getModuleName()) or on a loopback TCP port written to
-// socketDir/getModuleName().port.
+// (socketDir/getModuleName(), mode 0660) or on a loopback TCP port written to
+// socketDir/getModuleName().port (mode 0640).
 //
-// Calls are queued and invoked one per event-loop turn; calls of a client
-// announced as "rpc" go ahead of all others and are served at once. A slot
-// answers by returning a value, or a SocketPromise to answer later. Every
-// call with return gets an answer: its value, or a failure; a client that has
-// left in the meantime gets none, but its calls are carried out.
+// Only the methods that the service's own class declares are callable, not
+// those it inherits (QObject's deleteLater(), the listener's start functions).
+// Calls are queued per client and invoked one per event-loop turn, the clients
+// taking turns, so that one busy client delays another by one call at most;
+// calls of a client announced as "rpc" go ahead of all others and are served at
+// once. A slot answers by returning a value, or a SocketPromise to answer later.
+// Every call with return gets an answer: its value, or a failure (also for a
+// call that arrives broken); a client that has left in the meantime gets none,
+// but its calls are carried out.
+//
+// Nothing here waits for a client: answers and signals are handed to the
+// socket and leave from the event loop. A client over one of the limits below
+// is dropped: one error line names it, its connection is aborted and the calls
+// it has waiting are discarded; the process and the other clients go on.
 class SocketAdaptor : public QObject, private SocketMessageReceiver
 {
     Q_OBJECT
 
 public:
+    // Clients at once; further ones are accepted and closed at once.
+    static constexpr int MaxConnections = 256;
+    // Calls one client has waiting.
+    static constexpr int MaxQueuedCalls = 1024;
+    // What one client has the server hold for it: bytes received and not yet
+    // parsed, its waiting calls and its subscriptions, each at its wire size
+    // plus ElementChargeBytes per decoded element (about what one takes in
+    // memory).
+    static constexpr qint64 MaxBufferedBytes = 32 * 1024 * 1024;
+    static constexpr int ElementChargeBytes = 48;
+    // Answers and signals written to one client and not yet read by it, when
+    // the next one is due.
+    static constexpr qint64 MaxOutputBytes = 8 * 1024 * 1024;
+    // The pause before listening again after the listener failed, and between
+    // further attempts.
+    static constexpr int RelistenMs = 1000;
+
     explicit SocketAdaptor(QObject* parent = nullptr);
     ~SocketAdaptor() override;
 
@@ -94,24 +125,47 @@ private slots:
     void onDisconnected();
     void onInvokeTimeout();
     void onPendingCallTimer();
+    void onServerError(const QString& text);
+    void onRelistenTimer();
 
 private:
+    struct Client;
+
+    void accept(Socket* socket);
     void read(SocketConnection* connection);
     void invokeLater(SocketConnection* connection, bool urgent);
+    void enqueue(SocketCall&& call, bool urgent);
     void invoke(const SocketCall& call);
     void listenOn(SocketServer* listener);
+    Client* clientOf(const SocketConnection* connection) const;
+    // Gives back what a call held of its client's limits.
+    void release(const SocketCall& call);
+    bool send(SocketConnection* connection, const QByteArray& message);
+    void drop(SocketConnection* connection, const QString& reason);
+    void removeClient(Socket* socket);
 
     void callReceived(SocketConnection* connection, bool urgent) override;
+    void callDropped(SocketConnection* connection, quint16 queryId) override;
     void subscriptionReceived(SocketConnection* connection, const QByteArray& signature) override;
 
     SocketServer* server = nullptr;
     SocketConnection::SocketType socketType = SocketConnection::LocalSocketType;
-    QMap<Socket*, SocketConnection*> connections;
-    QHash<SocketConnection*, QSet<QByteArray>> subscriptions;
-    QList<SocketCall> normalQueue;
+    // Connected clients, owned.
+    QHash<Socket*, Client*> clients;
+    // Clients with calls waiting, in the order they are served next. A client
+    // that has left stays here until its calls are done.
+    QList<Client*> turns;
     QList<SocketCall> priorityQueue;
     QTimer pendingCallTimer;
     int invokeTimeoutInterval = SocketConnection::DefaultInvokeTimeoutMs;
+    // At the connection limit: logged once until a client goes.
+    bool refusing = false;
+    // Where to listen again after the listener failed.
+    QString listenDir;
+    int listenPort = -1; // -1: a local socket
+    QTimer relistenTimer;
+    // Reused for every answer: no allocation per call.
+    QByteArray outgoing;
 };
 
 // A SocketAdaptor that tells the diagnosis service every two minutes, and

@@ -86,6 +86,17 @@ bool readUtf8(const char* data, int& pos, int end, QString& text)
     return true;
 }
 
+// Charges a container's count to an element budget; false when it is over.
+bool charge(qint32 count, int& budget)
+{
+    if (count <= 0)
+        return true;
+    if (count > budget)
+        return false;
+    budget -= count;
+    return true;
+}
+
 constexpr double TwoPow52 = 4503599627370496.0;
 
 } // namespace
@@ -550,11 +561,24 @@ SocketArgument::ParseResult SocketArgument::parseValueType(const char* data, int
 SocketArgument::ParseResult SocketArgument::parseNextValue(const char* data, int& pos, int end,
                                                            quint8 tag)
 {
-    return decodeBody(data, pos, end, tag, 0);
+    int budget = MaxDecodedElements;
+    return decodeBody(data, pos, end, tag, 0, budget);
+}
+
+SocketArgument::ParseResult SocketArgument::parseNextValue(const char* data, int& pos, int end, quint8 tag,
+                                                           int& elementBudget)
+{
+    // Charged only when done: an incomplete value is decoded again, from the
+    // start, once more bytes have arrived.
+    int budget = elementBudget;
+    const ParseResult result = decodeBody(data, pos, end, tag, 0, budget);
+    if (result == ParseDone)
+        elementBudget = budget;
+    return result;
 }
 
 SocketArgument::ParseResult SocketArgument::decodeBody(const char* data, int& pos, int end, quint8 tag,
-                                                       int depth)
+                                                       int depth, int& budget)
 {
     bool done = false;
     switch (tag) {
@@ -568,19 +592,25 @@ SocketArgument::ParseResult SocketArgument::decodeBody(const char* data, int& po
     case TypeUInt32: done = parseUInt32(data, pos, end); break;
     case TypeUInt64: done = parseUInt64(data, pos, end); break;
     case TypeBool: done = parseBool(data, pos, end); break;
-    case TypeInt32List: done = parseInt32List(data, pos, end); break;
-    case TypeStringList: done = parseStringList(data, pos, end); break;
     case TypeInternalId: done = parseInternalId(data, pos, end); break;
     case TypeDouble: done = parseDouble(data, pos, end); break;
-    case TypeStringMap: done = parseStringMap(data, pos, end); break;
-    case TypeVariantMap: done = decodeVariantMap(data, pos, end, depth); break;
-    case TypeVariantList: done = decodeVariantList(data, pos, end, depth); break;
+    case TypeInt32List: return decodeInt32List(data, pos, end, budget);
+    case TypeStringList: return decodeStringList(data, pos, end, budget);
+    case TypeStringMap: return decodeStringMap(data, pos, end, budget);
+    case TypeVariantMap: return decodeVariantMap(data, pos, end, depth, budget);
+    case TypeVariantList: return decodeVariantList(data, pos, end, depth, budget);
     default:
         // Tag 4 included: peers of this protocol refuse 16-bit signed values.
         CLOG(Error) << "Unsupported data type" << char(tag);
         return ParseBroken;
     }
     return done ? ParseDone : ParseNeedMore;
+}
+
+bool SocketArgument::decodeAlone(quint8 tag, const char* data, int& pos, int end)
+{
+    int budget = MaxDecodedElements;
+    return decodeBody(data, pos, end, tag, 0, budget) == ParseDone;
 }
 
 bool SocketArgument::parse16BitString(const char* data, int& pos, int end)
@@ -669,37 +699,51 @@ bool SocketArgument::parseBool(const char* data, int& pos, int end)
 
 bool SocketArgument::parseInt32List(const char* data, int& pos, int end)
 {
+    return decodeAlone(TypeInt32List, data, pos, end);
+}
+
+SocketArgument::ParseResult SocketArgument::decodeInt32List(const char* data, int& pos, int end, int& budget)
+{
     if (!bytesAvailable(pos, 4, end))
-        return false;
+        return ParseNeedMore;
     const qint32 count = readLittleEndian<qint32>(data, pos);
+    if (!charge(count, budget))
+        return ParseOverLimit;
     const qint64 elements = qMax<qint64>(count, 0);
     if (!bytesAvailable(pos, 4 * (elements + 1), end))
-        return false;
+        return ParseNeedMore;
     QList<int> list;
     list.reserve(int(elements)); // the bytes are all there, so the count is not a bluff
     for (qint64 i = 0; i < elements; ++i)
         list.append(readLittleEndian<qint32>(data, pos + 4 + int(4 * i)));
     store(TypeInt32List, list);
     pos += int(4 * (elements + 1));
-    return true;
+    return ParseDone;
 }
 
 bool SocketArgument::parseStringList(const char* data, int& pos, int end)
 {
+    return decodeAlone(TypeStringList, data, pos, end);
+}
+
+SocketArgument::ParseResult SocketArgument::decodeStringList(const char* data, int& pos, int end, int& budget)
+{
     if (!bytesAvailable(pos, 4, end))
-        return false;
+        return ParseNeedMore;
     const qint32 count = readLittleEndian<qint32>(data, pos);
+    if (!charge(count, budget))
+        return ParseOverLimit;
     int p = pos + 4;
     QStringList list;
     for (qint32 i = 0; i < count; ++i) {
         QString element;
         if (!readUtf8(data, p, end, element))
-            return false;
+            return ParseNeedMore;
         list.append(element);
     }
     store(TypeStringList, list);
     pos = p;
-    return true;
+    return ParseDone;
 }
 
 bool SocketArgument::parseInternalId(const char* data, int& pos, int end)
@@ -729,90 +773,111 @@ bool SocketArgument::parseDouble(const char* data, int& pos, int end)
 
 bool SocketArgument::parseStringMap(const char* data, int& pos, int end)
 {
+    return decodeAlone(TypeStringMap, data, pos, end);
+}
+
+SocketArgument::ParseResult SocketArgument::decodeStringMap(const char* data, int& pos, int end, int& budget)
+{
     if (!bytesAvailable(pos, 4, end))
-        return false;
+        return ParseNeedMore;
     const qint32 count = readLittleEndian<qint32>(data, pos);
+    if (!charge(count, budget))
+        return ParseOverLimit;
     int p = pos + 4;
     QMap<QString, QString> map;
     for (qint32 i = 0; i < count; ++i) {
         QString key;
         QString value;
         if (!readUtf8(data, p, end, key) || !readUtf8(data, p, end, value))
-            return false;
+            return ParseNeedMore;
         map.insert(key, value);
     }
     store(TypeStringMap, map);
     pos = p;
-    return true;
+    return ParseDone;
 }
 
 bool SocketArgument::parseVariantMap(const char* data, int& pos, int end)
 {
-    return decodeVariantMap(data, pos, end, 0);
+    return decodeAlone(TypeVariantMap, data, pos, end);
 }
 
 bool SocketArgument::parseVariantList(const char* data, int& pos, int end)
 {
-    return decodeVariantList(data, pos, end, 0);
+    return decodeAlone(TypeVariantList, data, pos, end);
 }
 
-bool SocketArgument::decodeNested(const char* data, int& pos, int end, int depth, QVariant& value)
+// A nested value that is broken or refused makes its container wait, as peers
+// of this protocol do; only a count over the budget ends it at once.
+SocketArgument::ParseResult SocketArgument::decodeNested(const char* data, int& pos, int end, int depth,
+                                                         int& budget, QVariant& value)
 {
     int p = pos;
     quint8 tag = 0;
     if (parseValueType(data, p, end, tag) != ParseDone)
-        return false;
+        return ParseNeedMore;
     SocketArgument element;
-    if (element.decodeBody(data, p, end, tag, depth) != ParseDone)
-        return false;
+    const ParseResult result = element.decodeBody(data, p, end, tag, depth, budget);
+    if (result != ParseDone)
+        return result == ParseOverLimit ? result : ParseNeedMore;
     value = element.toQVariant();
     pos = p;
-    return true;
+    return ParseDone;
 }
 
-bool SocketArgument::decodeVariantMap(const char* data, int& pos, int end, int depth)
+SocketArgument::ParseResult SocketArgument::decodeVariantMap(const char* data, int& pos, int end, int depth,
+                                                             int& budget)
 {
     if (depth >= MaxNestingDepth) {
         CLOG(Error) << "nested value too deep at position" << pos;
-        return false;
+        return ParseNeedMore;
     }
     if (!bytesAvailable(pos, 4, end))
-        return false;
+        return ParseNeedMore;
     const qint32 count = readLittleEndian<qint32>(data, pos);
+    if (!charge(count, budget))
+        return ParseOverLimit;
     int p = pos + 4;
     QVariantMap map;
     for (qint32 i = 0; i < count; ++i) {
         QString key;
         QVariant value;
-        if (!readUtf8(data, p, end, key) || !decodeNested(data, p, end, depth + 1, value))
-            return false;
+        if (!readUtf8(data, p, end, key))
+            return ParseNeedMore;
+        const ParseResult result = decodeNested(data, p, end, depth + 1, budget, value);
+        if (result != ParseDone)
+            return result;
         map.insert(key, value);
     }
     store(TypeVariantMap, map);
     pos = p;
-    return true;
+    return ParseDone;
 }
 
-bool SocketArgument::decodeVariantList(const char* data, int& pos, int end, int depth)
+SocketArgument::ParseResult SocketArgument::decodeVariantList(const char* data, int& pos, int end, int depth,
+                                                              int& budget)
 {
     if (depth >= MaxNestingDepth) {
         CLOG(Error) << "nested value too deep at position" << pos;
-        return false;
+        return ParseNeedMore;
     }
     if (!bytesAvailable(pos, 4, end))
-        return false;
+        return ParseNeedMore;
     const qint32 count = readLittleEndian<qint32>(data, pos);
+    if (!charge(count, budget))
+        return ParseOverLimit;
     int p = pos + 4;
     QVariantList list;
     for (qint32 i = 0; i < count; ++i) {
         QVariant value;
-        if (!decodeNested(data, p, end, depth + 1, value))
-            return false;
+        const ParseResult result = decodeNested(data, p, end, depth + 1, budget, value);
+        if (result != ParseDone)
+            return result;
         list.append(value);
     }
     store(TypeVariantList, list);
     pos = p;
-    return true;
+    return ParseDone;
 }
 
 void SocketArgument::encodeDouble(double value, uchar* out)
@@ -846,25 +911,43 @@ double SocketArgument::decodeDouble(const uchar* in)
 
 bool SocketValueScanner::isNeededFor(quint8 tag)
 {
-    return tag == SocketArgument::TypeStringList || tag == SocketArgument::TypeStringMap
-           || tag == SocketArgument::TypeVariantMap || tag == SocketArgument::TypeVariantList;
+    switch (tag) {
+    case SocketArgument::TypeString16:
+    case SocketArgument::TypeString8:
+    case SocketArgument::TypeInt32List:
+    case SocketArgument::TypeStringList:
+    case SocketArgument::TypeStringMap:
+    case SocketArgument::TypeVariantMap:
+    case SocketArgument::TypeVariantList: return true;
+    default: return false;
+    }
 }
 
 void SocketValueScanner::reset()
 {
     tokens.clear();
     scanned = 0;
+    elements = 0;
     active = false;
+    overLimit = false;
     stuck = false;
     stuckReported = false;
 }
 
-void SocketValueScanner::start(quint8 tag)
+void SocketValueScanner::start(quint8 tag, qint64 maxBytes, int maxElements)
 {
     reset();
     active = true;
+    byteLimit = maxBytes;
+    elementLimit = maxElements;
     if (!pushBody(tag))
         stuck = true;
+}
+
+SocketValueScanner::Result SocketValueScanner::exceeded()
+{
+    overLimit = true;
+    return OverLimit;
 }
 
 int SocketValueScanner::depth() const
@@ -909,6 +992,8 @@ bool SocketValueScanner::pushBody(quint8 tag)
 
 SocketValueScanner::Result SocketValueScanner::scan(const char* body, int available)
 {
+    if (overLimit)
+        return OverLimit;
     if (stuck) {
         if (stuckReported)
             return NeedMore;
@@ -929,18 +1014,29 @@ SocketValueScanner::Result SocketValueScanner::scan(const char* body, int availa
                 return NeedMore;
             token = {Fixed, Values, qint64(qFromLittleEndian<quint32>(body + scanned))};
             scanned += 4;
+            if (scanned + token.amount > byteLimit)
+                return exceeded();
             break;
         case Count: {
             if (scanned + 4 > available)
                 return NeedMore;
             const qint32 count = qFromLittleEndian<qint32>(body + scanned);
             scanned += 4;
-            if (count <= 0)
+            if (count <= 0) {
                 tokens.pop_back();
-            else if (token.element == IntElements)
+                break;
+            }
+            // Counted as the decoders charge their budget.
+            elements += count;
+            if (elements > elementLimit)
+                return exceeded();
+            if (token.element == IntElements) {
                 token = {Fixed, Values, 4 * qint64(count)};
-            else
+                if (scanned + token.amount > byteLimit)
+                    return exceeded();
+            } else {
                 token = {Repeat, token.element, count};
+            }
             break;
         }
         case Repeat: {

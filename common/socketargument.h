@@ -57,8 +57,10 @@ public:
         TypePromise = 19,
     };
 
-    // Outcome of parseValueType and parseNextValue.
-    enum ParseResult { ParseDone = 0, ParseNeedMore = 1, ParseBroken = 2 };
+    // Outcome of parseValueType and parseNextValue. ParseOverLimit: the value
+    // would decode to more elements than allowed; the stream that carries it
+    // cannot be trusted any further.
+    enum ParseResult { ParseDone = 0, ParseNeedMore = 1, ParseBroken = 2, ParseOverLimit = 3 };
 
     static constexpr int BufferSize = 32;
     // Tags from this number on are not value tags at all.
@@ -68,6 +70,12 @@ public:
     // decoder waits. This keeps a hostile peer from exhausting the stack of the
     // recursive decoder.
     static constexpr int MaxNestingDepth = 64;
+    // Elements that one received message may decode to: the counts of its
+    // lists, string lists and maps, nested ones included. A count is charged
+    // before anything is built, so that a few bytes on the wire cannot make
+    // megabytes of QVariants (a variant list of bools takes some 20 times its
+    // wire size). No message of the backend comes near it.
+    static constexpr int MaxDecodedElements = 65536;
 
     SocketArgument() = default;
     SocketArgument(const QByteArray& value);
@@ -172,10 +180,15 @@ public:
     // Decodes the body of a value with this tag into this argument. Tags 0, 4,
     // 19 and 20 and above are refused (logged, ParseBroken): a peer of this
     // protocol does not accept 16-bit signed values although it writes them.
+    // A value of more than MaxDecodedElements elements gives ParseOverLimit.
     ParseResult parseNextValue(const char* data, int& pos, int end, quint8 tag);
+    // The same within what is left of a message's elements: elementBudget is
+    // charged with the value's elements when it is done, and only then.
+    ParseResult parseNextValue(const char* data, int& pos, int end, quint8 tag, int& elementBudget);
 
     // The decoders of the single kinds: true when the value was stored, false
-    // when bytes are missing (position unchanged).
+    // when bytes are missing (position unchanged) or, for containers, when it
+    // has more than MaxDecodedElements elements.
     bool parse16BitString(const char* data, int& pos, int end);
     bool parse8BitString(const char* data, int& pos, int end);
     bool parseInt8(const char* data, int& pos, int end);
@@ -226,35 +239,45 @@ private:
     bool hasKind(eType kind, const char* mismatchText) const;
     void copyFrom(const SocketArgument& other);
     void constructEmpty(eType kind);
-    ParseResult decodeBody(const char* data, int& pos, int end, quint8 tag, int depth);
-    bool decodeVariantMap(const char* data, int& pos, int end, int depth);
-    bool decodeVariantList(const char* data, int& pos, int end, int depth);
-    static bool decodeNested(const char* data, int& pos, int end, int depth, QVariant& value);
+    ParseResult decodeBody(const char* data, int& pos, int end, quint8 tag, int depth, int& budget);
+    bool decodeAlone(quint8 tag, const char* data, int& pos, int end);
+    ParseResult decodeInt32List(const char* data, int& pos, int end, int& budget);
+    ParseResult decodeStringList(const char* data, int& pos, int end, int& budget);
+    ParseResult decodeStringMap(const char* data, int& pos, int end, int& budget);
+    ParseResult decodeVariantMap(const char* data, int& pos, int end, int depth, int& budget);
+    ParseResult decodeVariantList(const char* data, int& pos, int end, int depth, int& budget);
+    static ParseResult decodeNested(const char* data, int& pos, int end, int depth, int& budget,
+                                    QVariant& value);
 
     eType type = TypeInvalid;
     void* data = nullptr;
 };
 
-// Tells, without building anything, whether the body of a string list, string
-// map, variant map or variant list has arrived completely. It remembers how far
-// it got, so that a body arriving in many small pieces is walked once in total
-// rather than once per piece, and the decoder then runs once on the complete
-// body. It applies the decoders' rules exactly, including their waiting on a
-// nested value that cannot be decoded, which it reports as Stuck.
+// Tells, without building anything, whether the body of a string, a list or a
+// map has arrived completely, and whether it keeps within its limits. It
+// remembers how far it got, so that a body arriving in many small pieces is
+// walked once in total rather than once per piece, and the decoder then runs
+// once on the complete body. It applies the decoders' rules exactly, including
+// their waiting on a nested value that cannot be decoded, which it reports as
+// Stuck, and their counting of elements. A declared length or count that goes
+// beyond a limit is reported as soon as it has arrived: a peer cannot make the
+// stream wait for gigabytes.
 class SocketValueScanner
 {
 public:
-    enum Result { Complete, NeedMore, Stuck };
+    enum Result { Complete, NeedMore, Stuck, OverLimit };
 
     // Whether bodies with this tag need the scanner: the decoders of all other
-    // kinds decide in constant time whether their bytes are there.
+    // kinds decide in constant time whether their few bytes are there.
     static bool isNeededFor(quint8 tag);
 
-    // Begins a body with this tag (one for which isNeededFor is true).
-    void start(quint8 tag);
+    // Begins a body with this tag (one for which isNeededFor is true) that may
+    // take at most maxBytes bytes and decode to at most maxElements elements.
+    void start(quint8 tag, qint64 maxBytes, int maxElements);
     // Continues over the body bytes body[0, available), the same body as
     // before with possibly more bytes behind. Stuck is reported once; after it
     // the body reads as NeedMore for ever, as no later byte can complete it.
+    // OverLimit is final.
     Result scan(const char* body, int available);
     // A body was started and has not been found complete.
     bool isActive() const { return active; }
@@ -271,10 +294,15 @@ private:
     };
     bool pushBody(quint8 tag);
     int depth() const;
+    Result exceeded();
 
     std::vector<Token> tokens;
     qint64 scanned = 0;
+    qint64 byteLimit = 0;
+    qint64 elements = 0;
+    qint64 elementLimit = 0;
     bool active = false;
+    bool overLimit = false;
     bool stuck = false;
     bool stuckReported = false;
 };

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <sys/socket.h>
 
 namespace {
 
@@ -264,11 +265,33 @@ bool putValueList(Sink& sink, const QList<const SocketArgument*>& arguments)
     return putTag(sink, SocketArgument::TypeInvalid);
 }
 
+template <typename Sink>
+bool putReturnValue(Sink& sink, quint16 queryId, bool success, const SocketArgument* value)
+{
+    if (!putHeader(sink, SocketConnection::ReturnValueMessage) || !putNumber(sink, queryId)
+        || !putNumber(sink, quint8(success ? 1 : 0)))
+        return false;
+    if (!success)
+        return true;
+    return value ? putParameter(sink, *value) : putTag(sink, SocketArgument::TypeInvalid);
+}
+
+QString limitText()
+{
+    return QStringLiteral("a message over %1 bytes or %2 elements")
+        .arg(SocketConnection::MaxMessageBytes)
+        .arg(SocketArgument::MaxDecodedElements);
+}
+
 } // namespace
 
 SocketMessageReceiver::~SocketMessageReceiver() = default;
 
 void SocketMessageReceiver::callReceived(SocketConnection*, bool)
+{
+}
+
+void SocketMessageReceiver::callDropped(SocketConnection*, quint16)
 {
 }
 
@@ -317,7 +340,8 @@ SocketConnection::~SocketConnection()
 
 void SocketConnection::appendReceivedData(const QByteArray& bytes)
 {
-    receiveBuffer.append(bytes);
+    if (!dropped)
+        receiveBuffer.append(bytes);
 }
 
 QByteArray SocketConnection::unparsedData() const
@@ -327,6 +351,8 @@ QByteArray SocketConnection::unparsedData() const
 
 void SocketConnection::parseReceivedData(ParserSide side, SocketMessageReceiver* receiver)
 {
+    if (dropped)
+        return;
     // A receiver may parse again on this connection from inside its callback
     // (a blocking call waiting for its answer). The nested pass goes on from
     // where this one stands; all state is in members, re-read after every step.
@@ -335,10 +361,16 @@ void SocketConnection::parseReceivedData(ParserSide side, SocketMessageReceiver*
     ++parseDepth;
     for (;;) {
         const StepOutcome outcome = side == ServerSide ? serverStep(receiver) : clientStep(receiver);
-        if (outcome == StepDestroyed)
+        // Destroyed, or dropped (also from a nested pass): nothing more to do.
+        if (outcome == StepDestroyed || dropped)
             return;
         if (outcome == StepNeedMore)
             break;
+    }
+    // A message that keeps growing without end is not waited for.
+    if (state != StateSyncWord && receiveBuffer.size() - messageStart > MaxMessageBytes) {
+        dropOverLimit(QStringLiteral("a message over %1 bytes").arg(MaxMessageBytes));
+        return;
     }
     passStart = outerPassStart;
     if (--parseDepth == 0)
@@ -383,12 +415,68 @@ void SocketConnection::beginMessage()
     messageStart = readOffset - 4;
     methodName.clear();
     resetParser();
+    elementBudget = SocketArgument::MaxDecodedElements;
 }
 
 void SocketConnection::dropBrokenMessage()
 {
     dumpParsingState();
     resetParser();
+}
+
+void SocketConnection::dropBrokenCall(SocketMessageReceiver* receiver)
+{
+    dropBrokenMessage();
+    if (messageType == CallWithReturnMessage && receiver)
+        receiver->callDropped(this, queryId);
+}
+
+SocketConnection::StepOutcome SocketConnection::dropBrokenReturn(SocketMessageReceiver* receiver)
+{
+    dropBrokenMessage();
+    if (messageType != ReturnValueMessage)
+        return StepContinue;
+    // Somebody may wait for this query id: a failure releases it at once.
+    return deliver([&] {
+        if (receiver)
+            receiver->returnValueReceived(this, queryId, false, nullptr);
+    });
+}
+
+SocketConnection::StepOutcome SocketConnection::dropOverLimit(const QString& reason)
+{
+    dropForLimit(reason);
+    return StepDestroyed;
+}
+
+qint64 SocketConnection::bodyLimit(int pos) const
+{
+    return qint64(MaxMessageBytes) - (passStart + pos - messageStart);
+}
+
+QString SocketConnection::describe() const
+{
+    QString peer = socket ? socket->getPeerName() : QString();
+    const qintptr descriptor = socket ? socket->descriptor() : -1;
+    ucred credentials = {};
+    socklen_t length = sizeof(credentials);
+    if (descriptor >= 0
+        && ::getsockopt(int(descriptor), SOL_SOCKET, SO_PEERCRED, &credentials, &length) == 0)
+        peer += QStringLiteral(", pid %1").arg(credentials.pid);
+    return QStringLiteral("connection %1 (%2)").arg(connectionNumber).arg(peer);
+}
+
+void SocketConnection::dropForLimit(const QString& reason)
+{
+    if (dropped)
+        return;
+    CLOG(Error) << "dropping" << describe() << "for" << reason;
+    dropped = true;
+    resetParser();
+    receiveBuffer.clear();
+    readOffset = messageStart = passStart = 0;
+    if (socket)
+        socket->abort();
 }
 
 SocketConnection::StepOutcome SocketConnection::serverStep(SocketMessageReceiver* receiver)
@@ -429,6 +517,8 @@ SocketConnection::StepOutcome SocketConnection::serverStep(SocketMessageReceiver
         if (!parseMethodName(data, pos, end))
             return StepNeedMore;
         commit();
+        if (getMessageSize() > MaxMessageBytes)
+            return dropOverLimit(QStringLiteral("a message over %1 bytes").arg(MaxMessageBytes));
         state = StateValueTag;
         if (messageType == CallWithReturnMessage)
             startInvokeTimeout(invokeTimeoutInterval);
@@ -439,7 +529,7 @@ SocketConnection::StepOutcome SocketConnection::serverStep(SocketMessageReceiver
             return StepNeedMore;
         commit();
         if (result == SocketArgument::ParseBroken) {
-            dropBrokenMessage();
+            dropBrokenCall(receiver);
             return StepContinue;
         }
         // The one value of these two follows whatever its tag.
@@ -454,16 +544,17 @@ SocketConnection::StepOutcome SocketConnection::serverStep(SocketMessageReceiver
         if (valueTag != SocketArgument::TypeInvalid) {
             if (parsedValueCount == MaxParsedValues) {
                 CLOG(Error) << "broken rpc command:" << methodName;
-                dropBrokenMessage();
+                dropBrokenCall(receiver);
                 return StepContinue;
             }
             state = StateValueBody;
             return StepContinue;
         }
         if (parsedValueCount > MaxCallValues) {
-            // Dropped unanswered: a call with return runs into the invoke timeout.
             CLOG(Error) << "more than 10 arguments!!!";
             resetParser();
+            if (messageType == CallWithReturnMessage && receiver)
+                receiver->callDropped(this, queryId);
             return StepContinue;
         }
         if (messageType == CallWithReturnMessage)
@@ -478,10 +569,12 @@ SocketConnection::StepOutcome SocketConnection::serverStep(SocketMessageReceiver
         const int result = parseNextValue(data, pos, end);
         if (result == SocketArgument::ParseNeedMore)
             return StepNeedMore;
+        if (result == SocketArgument::ParseOverLimit)
+            return dropOverLimit(limitText());
         commit();
         if (result == SocketArgument::ParseBroken) {
             CLOG(Error) << "broken rpc command:" << methodName;
-            dropBrokenMessage();
+            dropBrokenCall(receiver);
             return StepContinue;
         }
         state = StateValueTag;
@@ -491,6 +584,8 @@ SocketConnection::StepOutcome SocketConnection::serverStep(SocketMessageReceiver
         const int result = parseNextValue(data, pos, end);
         if (result == SocketArgument::ParseNeedMore)
             return StepNeedMore;
+        if (result == SocketArgument::ParseOverLimit)
+            return dropOverLimit(limitText());
         commit();
         if (result == SocketArgument::ParseBroken) {
             CLOG(Error) << "broken subscription";
@@ -507,6 +602,8 @@ SocketConnection::StepOutcome SocketConnection::serverStep(SocketMessageReceiver
         const int result = parseNextValue(data, pos, end);
         if (result == SocketArgument::ParseNeedMore)
             return StepNeedMore;
+        if (result == SocketArgument::ParseOverLimit)
+            return dropOverLimit(limitText());
         commit();
         if (result == SocketArgument::ParseBroken) {
             CLOG(Error) << "broken client name";
@@ -565,6 +662,8 @@ SocketConnection::StepOutcome SocketConnection::clientStep(SocketMessageReceiver
         if (!parseMethodName(data, pos, end))
             return StepNeedMore;
         commit();
+        if (getMessageSize() > MaxMessageBytes)
+            return dropOverLimit(QStringLiteral("a message over %1 bytes").arg(MaxMessageBytes));
         state = StateValueTag;
         return StepContinue;
     case StateRpcSuccess:
@@ -584,10 +683,8 @@ SocketConnection::StepOutcome SocketConnection::clientStep(SocketMessageReceiver
         if (result == SocketArgument::ParseNeedMore)
             return StepNeedMore;
         commit();
-        if (result == SocketArgument::ParseBroken) {
-            dropBrokenMessage();
-            return StepContinue;
-        }
+        if (result == SocketArgument::ParseBroken)
+            return dropBrokenReturn(receiver);
         if (valueTag == SocketArgument::TypeInvalid) {
             if (messageType == ReturnValueMessage) {
                 return deliver([&] {
@@ -612,11 +709,12 @@ SocketConnection::StepOutcome SocketConnection::clientStep(SocketMessageReceiver
         const int result = parseNextValue(data, pos, end);
         if (result == SocketArgument::ParseNeedMore)
             return StepNeedMore;
+        if (result == SocketArgument::ParseOverLimit)
+            return dropOverLimit(limitText());
         commit();
         if (result == SocketArgument::ParseBroken) {
             logBrokenValue();
-            dropBrokenMessage();
-            return StepContinue;
+            return dropBrokenReturn(receiver);
         }
         if (messageType != ReturnValueMessage) {
             state = StateValueTag;
@@ -699,16 +797,19 @@ int SocketConnection::parseValueType(const char* data, int& pos, int end)
 int SocketConnection::parseNextValue(const char* data, int& pos, int end)
 {
     if (SocketValueScanner::isNeededFor(valueTag)) {
-        // Containers are decoded once they are complete; until then the
-        // scanner walks each new byte once.
+        // Strings and containers are decoded once they are complete; until
+        // then the scanner walks each new byte once, and stops a declared
+        // length or count over the limits as soon as it arrives.
         if (!scanner.isActive())
-            scanner.start(valueTag);
-        if (scanner.scan(data + pos, end - pos) == SocketValueScanner::NeedMore)
-            return SocketArgument::ParseNeedMore;
-        // Complete, or stuck on a nested value; then the decoder says why, once.
+            scanner.start(valueTag, bodyLimit(pos), elementBudget);
+        switch (scanner.scan(data + pos, end - pos)) {
+        case SocketValueScanner::NeedMore: return SocketArgument::ParseNeedMore;
+        case SocketValueScanner::OverLimit: return SocketArgument::ParseOverLimit;
+        default: break; // complete, or stuck on a nested value: the decoder says why, once
+        }
     }
     const SocketArgument::ParseResult result =
-        parsedValues[parsedValueCount].parseNextValue(data, pos, end, valueTag);
+        parsedValues[parsedValueCount].parseNextValue(data, pos, end, valueTag, elementBudget);
     if (result == SocketArgument::ParseDone) {
         scanner.reset();
         ++parsedValueCount;
@@ -722,6 +823,7 @@ void SocketConnection::resetParser()
         parsedValues[i].clear();
     parsedValueCount = 0;
     state = StateSyncWord;
+    invokeTimer->stop();
     nameScanned = 0;
     scanner.reset();
 }
@@ -792,14 +894,6 @@ bool SocketConnection::writeData(const char* text)
 {
     return writeData(text, qint64(std::strlen(text)));
 }
-
-
-
-
-
-
-
-
 
 template <typename T>
 bool SocketConnection::writeNumber(T value)
@@ -897,12 +991,7 @@ bool SocketConnection::writeReturnValue(quint16 returnQueryId, bool succeeded,
                                         const SocketArgument* value)
 {
     SocketSink sink{*this};
-    if (!putHeader(sink, ReturnValueMessage) || !putNumber(sink, returnQueryId)
-        || !putNumber(sink, quint8(succeeded ? 1 : 0)))
-        return false;
-    if (!succeeded)
-        return true;
-    return value ? putParameter(sink, *value) : putTag(sink, SocketArgument::TypeInvalid);
+    return putReturnValue(sink, returnQueryId, succeeded, value);
 }
 
 bool SocketConnection::writeSubscription(const QByteArray& signature)
@@ -915,6 +1004,18 @@ bool SocketConnection::writeClientName(const QByteArray& name)
 {
     SocketSink sink{*this};
     return putHeader(sink, ClientNameMessage) && putParameter(sink, SocketArgument(name));
+}
+
+bool SocketConnection::queueMessage(const QByteArray& message)
+{
+    if (!socket || dropped || !socket->isValid())
+        return false;
+    if (socket->write(message.constData(), message.size()) != message.size()) {
+        CLOG(Error) << "socket write error:" << socket->getLastErrorText();
+        return false;
+    }
+    // One write now; on failure the socket aborts and reports it.
+    return socket->writeBuffered();
 }
 
 bool SocketConnection::flush(int ms)
@@ -998,4 +1099,21 @@ void SocketConnection::appendParameter(QByteArray& array, const SocketArgument& 
 {
     ArraySink sink{array};
     putParameter(sink, argument);
+}
+
+void SocketConnection::appendReturnValue(QByteArray& array, quint16 returnQueryId, bool succeeded,
+                                         const SocketArgument* value)
+{
+    ArraySink sink{array};
+    putReturnValue(sink, returnQueryId, succeeded, value);
+}
+
+void SocketConnection::appendSignal(QByteArray& array, const QByteArray& name,
+                                    const QList<const SocketArgument*>& arguments)
+{
+    ArraySink sink{array};
+    putHeader(sink, SignalMessage);
+    sink.put(name.constData(), name.size());
+    putTag(sink, 0); // the name's NUL
+    putValueList(sink, arguments);
 }

@@ -29,6 +29,10 @@ public:
     // (with return) and 1, and any other type that is not a subscription or a
     // client name, arrive here. urgent: the client announced itself as "rpc".
     virtual void callReceived(SocketConnection* connection, bool urgent);
+    // Server side: a call with return that was dropped (broken, or with too
+    // many values) or did not arrive completely in time; it is to be answered
+    // failed.
+    virtual void callDropped(SocketConnection* connection, quint16 queryId);
     // Server side: a signal subscription; the signature is the value read with
     // toString8().
     virtual void subscriptionReceived(SocketConnection* connection, const QByteArray& signature);
@@ -50,6 +54,10 @@ public:
 // before a sync word are skipped, and after a broken message it searches for
 // the next sync word. Consumed bytes are dropped from the receive buffer in
 // bulk, so parsing costs time linear in the bytes received.
+//
+// A peer that sends a message over MaxMessageBytes, or one that decodes to more
+// than SocketArgument::MaxDecodedElements elements, is dropped: one error line
+// names it, the socket is aborted and nothing more is parsed.
 class SocketConnection : public QObject
 {
     Q_OBJECT
@@ -72,6 +80,9 @@ public:
     // Values a call may carry to a slot; a call with more is dropped.
     static constexpr int MaxCallValues = 10;
     static constexpr int DefaultInvokeTimeoutMs = 5000;
+    // Bytes of one message, from its sync word to its end. Far above what any
+    // backend message needs, far below what would hurt the device.
+    static constexpr int MaxMessageBytes = 16 * 1024 * 1024;
     // Longest wait for written bytes to leave, per wait.
     static constexpr int WriteWaitMs = 120000;
 
@@ -87,6 +98,15 @@ public:
     qint32 getConnectionNumber() const { return connectionNumber; }
     // The name the client announced on this connection.
     QByteArray getClientName() const { return clientName; }
+    // "connection N (peer name, pid P)" for log lines; the process id where
+    // the kernel tells it (local sockets).
+    QString describe() const;
+
+    // Logs one error line naming the peer and the reason, stops parsing and
+    // aborts the socket (disconnected() follows, usually from inside the
+    // call). Later bytes are ignored.
+    void dropForLimit(const QString& reason);
+    bool isDropped() const { return dropped; }
 
     // --- Receiving
 
@@ -101,6 +121,7 @@ public:
     void parseReceivedData(ParserSide side, SocketMessageReceiver* receiver);
     // The bytes received and not yet consumed.
     QByteArray unparsedData() const;
+    int unparsedSize() const { return receiveBuffer.size() - readOffset; }
 
     // Drops the values of the current message and searches for the next sync
     // word. The method name and the query id stay.
@@ -115,11 +136,17 @@ public:
     quint16 getQueryId() const { return queryId; }
     quint8 getMessageType() const { return messageType; }
     int getParsedValueCount() const { return parsedValueCount; }
+    // During a callback: the message's bytes on the wire and the elements its
+    // values decoded to.
+    int getMessageSize() const { return readOffset - messageStart; }
+    int getMessageElements() const { return SocketArgument::MaxDecodedElements - elementBudget; }
     // index must be below getParsedValueCount().
     const SocketArgument& getParsedValue(int index) const { return parsedValues[index]; }
 
     // --- Invoke timer: invokeTimeout() when a call with return does not
-    // complete in time.
+    // complete in time. It runs only while that call is being parsed: every
+    // end of the message (complete, broken, dropped) stops it, so it never
+    // fires for another message.
 
     void startInvokeTimeout(int ms);
     void stopInvokeTimeout();
@@ -170,6 +197,13 @@ public:
     // up to ms passes without any of them leaving.
     bool flush(int ms);
 
+    // A whole message, without waiting (the server's way of writing): what
+    // the kernel does not take at once stays in the socket's output buffer
+    // and leaves from the event loop. False when the socket has failed or gone.
+    bool queueMessage(const QByteArray& message);
+    // Bytes written and not yet taken by the kernel.
+    qint64 pendingOutput() const { return socket ? socket->bytesToWrite() : 0; }
+
     // The same bytes as the writers, appended to an array.
     static void appendValue(QByteArray& array, qint8 value);
     static void appendValue(QByteArray& array, quint8 value);
@@ -182,6 +216,9 @@ public:
     static void appendValue(QByteArray& array, double value);
     static void appendValue(QByteArray& array, const InternalId& value);
     static void appendParameter(QByteArray& array, const SocketArgument& argument);
+    // Whole messages, the same bytes as writeReturnValue and writeSignal.
+    static void appendReturnValue(QByteArray& array, quint16 queryId, bool success, const SocketArgument* value);
+    static void appendSignal(QByteArray& array, const QByteArray& name, const QList<const SocketArgument*>& arguments);
 
 signals:
     void invokeTimeout();
@@ -215,6 +252,13 @@ private:
     int parseNextValue(const char* data, int& pos, int end);
     void beginMessage();
     void dropBrokenMessage();
+    // A broken call with return is answered failed at once.
+    void dropBrokenCall(SocketMessageReceiver* receiver);
+    // A broken return value is delivered as failed.
+    StepOutcome dropBrokenReturn(SocketMessageReceiver* receiver);
+    StepOutcome dropOverLimit(const QString& reason);
+    // What the value being parsed may still take of the message's bytes.
+    qint64 bodyLimit(int pos) const;
     template <typename Callback>
     StepOutcome deliver(Callback callback);
     void compactReceiveBuffer();
@@ -252,6 +296,9 @@ private:
     quint64 messagesBegun = 0;
     SocketValueScanner scanner;
     int invokeTimeoutInterval = DefaultInvokeTimeoutMs;
+    // Elements the current message may still decode to.
+    int elementBudget = SocketArgument::MaxDecodedElements;
+    bool dropped = false;
 };
 
 #endif // SOCKETCONNECTION_H

@@ -18,10 +18,7 @@ void sendResult(SocketPromiseData* data)
     call.wantsReturn = true;
     if (!data->adaptor->sendResult(call, data->result))
         CLOG(Error) << "returning result of" << data->signature << QString::number(data->queryId) << "to"
-                    << QStringLiteral("connection %1 (%2)")
-                           .arg(data->connection->getConnectionNumber())
-                           .arg(data->connection->getSocket() ? data->connection->getSocket()->getPeerName() : QString())
-                    << "failed";
+                    << data->connection->describe() << "failed";
 }
 
 void destroy(SocketPromiseData* data)

@@ -1,9 +1,7 @@
-// rpctestserver SOCKETDIR local|tcp [INVOKETIMEOUTMS|database]
-//
-// An RPC service "com.zan.ravo.testserver" for the tests: slots that echo each
-// value kind, record calls in order, emit signals, and answer through
-// promises in every way a slot may. With "database": a configuration
-// database that answers with the wrong types. Prints "ready" once it listens.
+// rpctestserver SOCKETDIR local|tcp [INVOKETIMEOUTMS|database]: prints "ready"
+// once it listens as "com.zan.ravo.testserver", with slots that echo each value
+// kind, record calls, emit signals and answer through promises; or, with
+// "database", as a configuration database that answers with the wrong types.
 #include "logginginterface.h"
 #include "socketadaptor.h"
 #include "socketpromise.h"
@@ -14,6 +12,15 @@
 
 #include <cstdio>
 
+// The heap in use: the resident size hides it behind what the allocator keeps.
+#ifdef __SANITIZE_ADDRESS__
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+static qulonglong heapInUse() { return __sanitizer_get_current_allocated_bytes(); }
+#else
+#include <malloc.h>
+static qulonglong heapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+#endif
+
 class TestServer : public SocketAdaptor
 {
     Q_OBJECT
@@ -21,26 +28,26 @@ class TestServer : public SocketAdaptor
 public slots:
     QString getModuleName() override { return QStringLiteral("com.zan.ravo.testserver"); }
 
-    QString echoString(QString value) { return value; }
-    QByteArray echoBytes(QByteArray value) { return value; }
-    char echoInt8(char value) { return value; }
-    uchar echoUInt8(uchar value) { return value; }
-    ushort echoUInt16(ushort value) { return value; }
-    int echoInt32(int value) { return value; }
-    uint echoUInt32(uint value) { return value; }
-    qlonglong echoInt64(qlonglong value) { return value; }
-    qulonglong echoUInt64(qulonglong value) { return value; }
-    bool echoBool(bool value) { return value; }
-    double echoDouble(double value) { return value; }
-    QStringList echoStrings(QStringList value) { return value; }
-    QList<int> echoInts(QList<int> value) { return value; }
-    InternalId echoId(InternalId value) { return value; }
-    QVariantMap echoMap(QVariantMap value) { return value; }
+    QString echo(QString value) { return value; }
+    QByteArray echo(QByteArray value) { return value; }
+    char echo(char value) { return value; }
+    uchar echo(uchar value) { return value; }
+    ushort echo(ushort value) { return value; }
+    int echo(int value) { return value; }
+    uint echo(uint value) { return value; }
+    qlonglong echo(qlonglong value) { return value; }
+    qulonglong echo(qulonglong value) { return value; }
+    bool echo(bool value) { return value; }
+    double echo(double value) { return value; }
+    QStringList echo(QStringList value) { return value; }
+    QList<int> echo(QList<int> value) { return value; }
+    InternalId echo(InternalId value) { return value; }
+    QVariantMap echo(QVariantMap value) { return value; }
     int add(int a, int b, int c, int d, int e, int f, int g, int h, int i, int j)
     {
         return a + b + c + d + e + f + g + h + i + j;
     }
-    void nothing() {}
+    qulonglong heapBytes() { return heapInUse(); }
 
     // Calls in the order they are invoked.
     void record(QString tag) { recordedCalls << tag; }
@@ -49,11 +56,7 @@ public slots:
     void block(int ms) { QThread::msleep(ulong(ms)); }
 
     void notify(QString text) { emitSignal("changed(QString,int)", text, 42); }
-    int notifyThenAnswer(QString text)
-    {
-        notify(text);
-        return 7;
-    }
+    int notifyThenAnswer(QString text) { return notify(text), 7; }
 
     SocketPromise resultBeforeCallData(int value)
     {
@@ -61,19 +64,10 @@ public slots:
         promise.setResult(value * 2);
         return promise;
     }
-    SocketPromise resultLater(int value)
-    {
-        SocketPromise promise;
-        QTimer::singleShot(100, this, [promise, value] { promise.setResult(QString::number(value)); });
-        return promise;
-    }
     SocketPromise resultTwice()
     {
         SocketPromise promise;
-        QTimer::singleShot(50, this, [promise] {
-            promise.setResult(1);
-            promise.setResult(2);
-        });
+        QTimer::singleShot(50, this, [promise] { promise.setResult(1), promise.setResult(2); });
         return promise;
     }
     SocketPromise neverAnswered() { return SocketPromise(); }
@@ -81,7 +75,7 @@ public slots:
     SocketPromise resultAfter(int ms)
     {
         SocketPromise promise;
-        QTimer::singleShot(ms, this, [promise] { promise.setResult(true); });
+        QTimer::singleShot(ms, this, [promise, ms] { promise.setResult(QString::number(ms)); });
         return promise;
     }
 
@@ -108,18 +102,14 @@ public slots:
 int main(int argc, char* argv[])
 {
     QCoreApplication app(argc, argv);
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: %s SOCKETDIR local|tcp [INVOKETIMEOUTMS|database]\n", argv[0]);
+    if (argc < 3)
         return 2;
-    }
     initLogging(false, false, false, true);
     const QByteArray option = argc > 3 ? argv[3] : "";
     TestServer testServer;
     OddDatabase database;
     SocketAdaptor& server = option == "database" ? static_cast<SocketAdaptor&>(database) : testServer;
-    bool isNumber = false;
-    const int invokeTimeout = option.toInt(&isNumber);
-    if (isNumber)
+    if (const int invokeTimeout = option.toInt(); invokeTimeout > 0)
         server.setInvokeTimeoutInterval(invokeTimeout);
     const QString socketDir = QString::fromLocal8Bit(argv[1]);
     const bool listening = QByteArray(argv[2]) == "tcp" ? server.startTcpServer(socketDir, 0)
