@@ -5,7 +5,7 @@
 // over HTTP and handed to a real avahi-daemon. System log through a private
 // /dev/log. The backend starts the way controllers start: the stages back to
 // back, the links announced as the daemon subscribes.
-#include "interfaceaddress.h"
+#include "igmpquerier.h"
 #include "netns.h"
 #include "socketinterface.h"
 #include "ssdppeer.h"
@@ -39,13 +39,7 @@ const QStringList NaturalStart{"--stages", "--interface", "dev0", "--interface",
 bool sendIgmp(quint8 type, const char* group, const char* destination, const char* interface)
 {
     const int raw = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_IGMP);
-    QByteArray message(8, '\0');
-    message[0] = char(type);
-    qToBigEndian(QHostAddress(group).toIPv4Address(), message.data() + 4);
-    quint32 sum = 0;
-    for (int i = 0; i < 8; i += 2)
-        sum += quint8(message[i]) << 8 | quint8(message[i + 1]);
-    qToBigEndian(quint16(~((sum & 0xFFFF) + (sum >> 16))), message.data() + 2);
+    const QByteArray message = IGMPQuerier::buildIGMPMessage(type, QHostAddress(group).toIPv4Address(), 0);
     ip_mreqn out = {};
     out.imr_ifindex = QNetworkInterface::interfaceIndexFromName(interface);
     sockaddr_in to = {};
@@ -326,17 +320,10 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
     QTRY_VERIFY_WITH_TIMEOUT(controlPoint.notifiesWith("ssdp:alive").size() >= 3, 5000);
     const quint32 firstId = configIdOfDescription();
 
-    // GSSDP finds the root device over IPv4 and over IPv6 link-local.
-    QVERIFY(namespaces->enter(Dev));
-    const QString linkLocal = linkLocalAddress("dev0");
-    QVERIFY(namespaces->leave() && !linkLocal.isEmpty());
-    const QStringList browse{"/usr/bin/python3", SOURCE_DIR "/tools/ssdp-browse", "--interface", "cp0", "--target",
-                             "upnp:rootdevice", "--seconds", "3"};
-    const QByteArray root = "available uuid:" + Udn + "::upnp:rootdevice ";
-    QByteArray found = runInCp(browse);
-    QVERIFY2(found.contains(root + "http://192.0.2.2:80/quarn.upnp\n"), found);
-    found = runInCp(browse + QStringList{"--ipv6"});
-    QVERIFY2(found.contains(root + "http://[" + linkLocal.toUtf8() + "]:80/quarn.upnp\n"), found);
+    // GSSDP finds the root device.
+    QByteArray found = runInCp({"/usr/bin/python3", SOURCE_DIR "/tools/ssdp-browse", "--interface", "cp0", "--target",
+                                "upnp:rootdevice", "--seconds", "3"});
+    QVERIFY2(found.contains("available uuid:" + Udn + "::upnp:rootdevice http://192.0.2.2:80/quarn.upnp\n"), found);
 
     // The description is served where LOCATION points; GUPnP fetches and reads it.
     QProcess http;
