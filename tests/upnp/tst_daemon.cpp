@@ -325,27 +325,7 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
                                 "upnp:rootdevice", "--seconds", "3"});
     QVERIFY2(found.contains("available uuid:" + Udn + "::upnp:rootdevice http://192.0.2.2:80/quarn.upnp\n"), found);
 
-    // The description is served where LOCATION points; GUPnP fetches and reads it.
-    QProcess http;
-    http.start("ip", {"netns", "exec", namespaces->fullName(Dev), "/usr/bin/python3", "-m", "http.server", "80",
-                      "--bind", "192.0.2.2", "--directory", dir->filePath("files")});
-    QVERIFY(http.waitForStarted() && namespaces->enter(Cp));
-    QTcpSocket web;
-    QTRY_VERIFY((web.abort(), web.connectToHost("192.0.2.2", 80), web.waitForConnected(100)));
-    QVERIFY(namespaces->leave());
-    const QStringList describe{"/usr/bin/python3", SOURCE_DIR "/tools/upnp-describe", "--interface", "cp0",
-                               "--seconds", "4"};
-    found = runInCp(describe);
-    QVERIFY2(found.contains("device uuid:" + Udn + " http://192.0.2.2:80/quarn.upnp friendlyName=Orvella: Living room "
-                            "manufacturer=Tessaline modelName=Quarn serialNumber=SN-0815"),
-             found);
-
-    // GSSDP watches while the name changes.
-    QProcess browseUpdates;
-    browseUpdates.start("ip", {"netns", "exec", namespaces->fullName(Cp), "/usr/bin/python3", SOURCE_DIR "/tools/ssdp-browse",
-                               "--interface", "cp0", "--target", DeviceType, "--notifies", "--seconds", "4"});
-    QVERIFY(browseUpdates.waitForStarted());
-    QTRY_VERIFY_WITH_TIMEOUT(browseUpdates.peek(10).startsWith("listening\n"), 15000);
+    // The name changes: new files, a new config id, ssdp:update.
     QTRY_VERIFY_WITH_TIMEOUT(file("systemctl.log").contains("done"), 5000);
     control("setConfigValue", QString("generic/name"), QString("A&B <x>"));
     QTRY_VERIFY_WITH_TIMEOUT(file("files/quarn.upnp").contains("Orvella: A&amp;B &amp;lt;x&amp;gt;"), 5000);
@@ -357,15 +337,20 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
     QTRY_VERIFY_WITH_TIMEOUT(!controlPoint.notifiesWith("ssdp:update").isEmpty(), 5000);
     QCOMPARE(ssdpHeader(controlPoint.notifiesWith("ssdp:update").last().datagram.data(), "CONFIGID.UPNP.ORG").toUInt(),
              secondId);
-    QTRY_COMPARE_WITH_TIMEOUT(browseUpdates.state(), QProcess::NotRunning, 10000);
-    const QByteArray watched = browseUpdates.readAllStandardOutput();
-    QVERIFY2(watched.contains("notify ssdp:update " + DeviceType + " uuid:" + Udn + "::" + DeviceType)
-                 && watched.contains(" configid=" + QByteArray::number(secondId) + "\n"),
-             watched);
 
-    // The control point sees the name as the double escaping leaves it.
-    found = runInCp(describe);
-    QVERIFY2(found.contains("friendlyName=Orvella: A&B &lt;x&gt; manufacturer"), found);
+    // The description is served where LOCATION points; GUPnP fetches it and
+    // reads the name as the double escaping leaves it.
+    QProcess http;
+    http.start("ip", {"netns", "exec", namespaces->fullName(Dev), "/usr/bin/python3", "-m", "http.server", "80",
+                      "--bind", "192.0.2.2", "--directory", dir->filePath("files")});
+    QVERIFY(http.waitForStarted() && namespaces->enter(Cp));
+    QTcpSocket web;
+    QTRY_VERIFY((web.abort(), web.connectToHost("192.0.2.2", 80), web.waitForConnected(100)));
+    QVERIFY(namespaces->leave());
+    found = runInCp({"/usr/bin/python3", SOURCE_DIR "/tools/upnp-describe", "--interface", "cp0", "--seconds", "4"});
+    QVERIFY2(found.contains("device uuid:" + Udn + " http://192.0.2.2:80/quarn.upnp friendlyName=Orvella: A&B &lt;x&gt; "
+                            "manufacturer=Tessaline modelName=Quarn serialNumber=SN-0815"),
+             found);
     http.kill();
     http.waitForFinished();
 
