@@ -35,6 +35,8 @@ MINISSDPD_UUID = "00000000-0000-4000-8000-00000000d001"
 GSSDP_UUID = "00000000-0000-4000-8000-00000000d002"
 DEVICE_TYPE = "urn:tessaline:device:Quarn:1"
 LOCATION = "http://192.0.2.2:80/quarn.upnp"
+# The daemon under test; --daemon replaces it (to compare two builds).
+DAEMON = os.path.join(BUILD, "upnp", "upnp")
 RESPONDERS = (("upnp", DAEMON_UUID), ("minissdpd", MINISSDPD_UUID), ("gssdp", GSSDP_UUID))
 
 
@@ -317,7 +319,9 @@ def register_with_minissdpd(path, server):
             connection.sendall(request)
 
 
-def ssdp(suite, rounds):
+def start_ssdp(suite, peers=True, wrapper=(), rescan=None):
+    """The daemon (run as the tests run it) and, with peers, minissdpd and GSSDP in namespace dev,
+    the searcher's namespace cp beside it. Returns the pids and a search function."""
     work = suite.work
     dev, cp = suite.netns("dev"), suite.netns("cp")
     suite.run(["ip", "link", "add", "dev0", "netns", dev, "type", "veth", "peer", "name", "cp0", "netns", cp])
@@ -331,7 +335,7 @@ def ssdp(suite, rounds):
     # The daemon's settings, as the tests and the demo write them.
     for sub in ("sockets", "www", "files", "config/quarn", "bin"):
         os.makedirs(os.path.join(work, sub), exist_ok=True)
-    rescan = 1000 if suite.smoke else 10000
+    rescan = rescan or (1000 if suite.smoke else 10000)
     files = {
         "config/quarn/database.conf": "[General]\nsocketDir=%s/sockets\nsocketType=local\n"
                                       "upnpConfigFileName=%s/files/quarn.upnp\n"
@@ -359,25 +363,12 @@ def ssdp(suite, rounds):
     if not suite.wait_for_line(backend, "ready"):
         raise RuntimeError("simbackend did not start")
     env = dict(os.environ, XDG_CONFIG_HOME=work + "/config", PATH=work + "/bin:" + os.environ["PATH"])
-    daemon = suite.spawn(["ip", "netns", "exec", dev, ROOT + "/scripts/with-private-devlog.sh", work + "/log.sock",
-                          BUILD + "/upnp/upnp"], env=env, stdout=None)
-    server = "%s/%s, UPnP/2.0, Pellinor/3.5.3" % (platform.system(), platform.release())
-    suite.run(["ip", "netns", "exec", dev, ROOT + "/scripts/with-private-devlog.sh", work + "/log.sock",
-               "/usr/sbin/minissdpd", "-i", "dev0", "-s", work + "/minissdpd.sock", "-p", work + "/minissdpd.pid"])
-    for _ in range(100):
-        if os.path.exists(work + "/minissdpd.sock") and os.path.exists(work + "/minissdpd.pid"):
-            break
-        time.sleep(0.05)
-    register_with_minissdpd(work + "/minissdpd.sock", server)
-    with open(work + "/minissdpd.pid") as pidfile:
-        minissdpd = int(pidfile.read().split()[0])
-    gssdp = suite.spawn(["ip", "netns", "exec", dev, "/usr/bin/python3", ROOT + "/bench/gssdp-publish", "--interface",
-                         "dev0", "--uuid", GSSDP_UUID, "--location", LOCATION, "--server", server, "--seconds", "3600"])
-    if not suite.wait_for_line(gssdp, "ready"):
-        raise RuntimeError("the GSSDP resource group did not start")
-    pids = {"upnp": daemon.pid, "minissdpd": minissdpd, "gssdp": gssdp.pid}
-
-    responders = ["%s=%s" % pair for pair in RESPONDERS]
+    daemon = suite.spawn(["ip", "netns", "exec", dev, ROOT + "/scripts/with-private-devlog.sh", work + "/log.sock"]
+                         + list(wrapper) + [DAEMON], env=env, stdout=None)
+    pids = {"upnp": daemon.pid}
+    responders = ["%s=%s" % pair for pair in RESPONDERS if peers or pair[0] == "upnp"]
+    if peers:
+        pids.update(start_peers(suite, dev, work))
 
     def search(rate, count, quiet_ms=1500):
         output = suite.run(["ip", "netns", "exec", cp, BENCH + "/ssdpsearch", "--interface", "cp0", "--rate",
@@ -392,12 +383,34 @@ def ssdp(suite, rounds):
 
     # Ready once every responder answers; the daemon's endpoint comes with its second rescan.
     probe = suite.run(["ip", "netns", "exec", cp, BENCH + "/ssdpsearch", "--interface", "cp0", "--rate", "4",
-                       "--count", "1000", "--quiet-ms", "100", "--max-seconds", str(3 * rescan / 1000 + 20),
+                       "--count", "1000", "--quiet-ms", "100", "--max-seconds", str(3 * rescan / 1000 + 30),
                        "--until-answered"] + responders)
     if "answers=0 " in probe:
         raise RuntimeError("not every responder answered:\n" + probe)
     time.sleep(2)  # late answers of the probe
+    return pids, search
 
+
+def start_peers(suite, dev, work):
+    server = "%s/%s, UPnP/2.0, Pellinor/3.5.3" % (platform.system(), platform.release())
+    suite.run(["ip", "netns", "exec", dev, ROOT + "/scripts/with-private-devlog.sh", work + "/log.sock",
+               "/usr/sbin/minissdpd", "-i", "dev0", "-s", work + "/minissdpd.sock", "-p", work + "/minissdpd.pid"])
+    for _ in range(100):
+        if os.path.exists(work + "/minissdpd.sock") and os.path.exists(work + "/minissdpd.pid"):
+            break
+        time.sleep(0.05)
+    register_with_minissdpd(work + "/minissdpd.sock", server)
+    with open(work + "/minissdpd.pid") as pidfile:
+        minissdpd = int(pidfile.read().split()[0])
+    gssdp = suite.spawn(["ip", "netns", "exec", dev, "/usr/bin/python3", ROOT + "/bench/gssdp-publish", "--interface",
+                         "dev0", "--uuid", GSSDP_UUID, "--location", LOCATION, "--server", server, "--seconds", "3600"])
+    if not suite.wait_for_line(gssdp, "ready"):
+        raise RuntimeError("the GSSDP resource group did not start")
+    return {"minissdpd": minissdpd, "gssdp": gssdp.pid}
+
+
+def ssdp(suite, rounds):
+    pids, search = start_ssdp(suite)
     results = {"idle": {}, "rounds": []}
     idle_seconds = 5 if suite.smoke else 60
     before = {name: switches(pid) for name, pid in pids.items()}
@@ -430,9 +443,28 @@ def ssdp(suite, rounds):
         for name, pid in pids.items():
             figures[name]["after_10s_kib"] = memory_kib(pid)
         results["rounds"].append(figures)
-    for process in (gssdp, daemon, backend, sink):
-        suite.stop(process)
     return results
+
+
+def profile_ssdp(suite, rate, count):
+    """The daemon alone under callgrind while it answers count searches at rate; returns the
+    annotated profile of the load only."""
+    out = os.path.join(BUILD, "profile")
+    os.makedirs(out, exist_ok=True)
+    for old in os.listdir(out):
+        os.remove(os.path.join(out, old))
+    wrapper = ["valgrind", "--tool=callgrind", "--callgrind-out-file=%s/callgrind.out.%%p" % out]
+    pids, search = start_ssdp(suite, peers=False, wrapper=wrapper, rescan=1000)
+    suite.run(["callgrind_control", "-z", str(pids["upnp"])])
+    answers = search(rate, count, quiet_ms=3000)
+    suite.run(["callgrind_control", "-d", "load", str(pids["upnp"])])
+    dumps = sorted(f for f in os.listdir(out) if f.count(".") >= 3)  # callgrind.out.PID.DUMP
+    profile = os.path.join(out, dumps[-1]) if dumps else None
+    report = "answers per search: %.3f\n" % answers["upnp"]["per_search"]
+    if profile:
+        report += suite.run(["callgrind_annotate", "--inclusive=yes", profile])
+        report += suite.run(["callgrind_annotate", profile])
+    return report
 
 
 # --- the table
@@ -571,12 +603,18 @@ def main():
     parser_.add_argument("--smoke", action="store_true", help="everything once, briefly (for CI)")
     parser_.add_argument("--rounds", type=int)
     parser_.add_argument("--output")
+    parser_.add_argument("--daemon", help="the upnp binary to measure (default: the one built beside)")
+    parser_.add_argument("--profile-ssdp", metavar="RATE,COUNT",
+                         help="the daemon alone under callgrind, answering COUNT searches at RATE a second")
     parser_.add_argument("--only", choices=("rpc", "parser", "coordinator", "ssdp"),
                          help="one area alone, its figures printed as JSON (for profiling and tuning)")
     args = parser_.parse_args()
     if os.geteuid() != 0:
         sys.exit("bench/run.py needs root (network namespaces, taskset)")
     rounds = args.rounds or (1 if args.smoke else 5)
+    if args.daemon:
+        global DAEMON
+        DAEMON = os.path.abspath(args.daemon)
     output = args.output or (os.path.join(BUILD, "PERFORMANCE-smoke.md") if args.smoke
                              else os.path.join(ROOT, "docs", "PERFORMANCE.md"))
     suite = Suite(args.smoke)
@@ -584,6 +622,13 @@ def main():
     started = time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime())
     load_before = " ".join(open("/proc/loadavg").read().split()[:3])
     results = {}
+    if args.profile_ssdp:
+        rate, count = args.profile_ssdp.split(",")
+        try:
+            print(profile_ssdp(suite, int(rate), int(count)))
+        finally:
+            suite.cleanup()
+        return
     if args.only:
         try:
             cpu = idlest_cpu()

@@ -1,5 +1,7 @@
 #include "ssdpanswerschedule.h"
 
+#include <QTimerEvent>
+
 #include <algorithm>
 
 namespace {
@@ -16,9 +18,6 @@ SsdpAnswerSchedule::SsdpAnswerSchedule(Sender sender, int budget, QObject* paren
     : QObject(parent), send(std::move(sender)), budget(budget)
 {
     clock.start();
-    timer.setSingleShot(true);
-    timer.setTimerType(Qt::PreciseTimer);
-    connect(&timer, &QTimer::timeout, this, &SsdpAnswerSchedule::onTimeout);
 }
 
 SsdpAnswerSchedule::~SsdpAnswerSchedule()
@@ -89,6 +88,14 @@ void SsdpAnswerSchedule::remove(Host* host)
     delete host;
 }
 
+void SsdpAnswerSchedule::timerEvent(QTimerEvent* event)
+{
+    if (event->timerId() != timer.timerId())
+        return QObject::timerEvent(event);
+    timer.stop(); // one shot: onTimeout() arms it again when answers remain
+    onTimeout();
+}
+
 void SsdpAnswerSchedule::onTimeout()
 {
     const qint64 now = clock.elapsed();
@@ -102,7 +109,7 @@ void SsdpAnswerSchedule::onTimeout()
             --pending;
             ++sent;
         } else {
-            timer.start(RetryMs);
+            timer.start(RetryMs, Qt::PreciseTimer, this);
             return;
         }
         std::pop_heap(heap.begin(), heap.end(), dueLater);
@@ -124,5 +131,5 @@ void SsdpAnswerSchedule::arm()
         timer.stop();
         return;
     }
-    timer.start(int(std::max<qint64>(0, heap.front().due - clock.elapsed())));
+    timer.start(int(std::max<qint64>(0, heap.front().due - clock.elapsed())), Qt::PreciseTimer, this);
 }

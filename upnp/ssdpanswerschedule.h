@@ -1,11 +1,11 @@
 #ifndef SSDPANSWERSCHEDULE_H
 #define SSDPANSWERSCHEDULE_H
 
+#include <QBasicTimer>
 #include <QElapsedTimer>
 #include <QHash>
 #include <QHostAddress>
 #include <QObject>
-#include <QTimer>
 
 #include <functional>
 #include <vector>
@@ -45,8 +45,8 @@ public:
     int pendingCount() const { return pending; }
     int pendingCount(const QHostAddress& host) const;
 
-private slots:
-    void onTimeout();
+protected:
+    void timerEvent(QTimerEvent* event) override;
 
 private:
     struct Host
@@ -66,6 +66,7 @@ private:
     };
 
     static bool dueLater(const Answer& a, const Answer& b);
+    void onTimeout();
     Host* largestHost();
     void remove(Host* host);
     void arm();
@@ -79,7 +80,9 @@ private:
     Host* largest = nullptr;
     qint64 largestCheckedAt = -1;
     QElapsedTimer clock;
-    QTimer timer;
+    // A bare timer: it fires for about every millisecond in which an answer
+    // falls due, and a signal per shot would only add to that.
+    QBasicTimer timer;
 };
 
 #endif // SSDPANSWERSCHEDULE_H
