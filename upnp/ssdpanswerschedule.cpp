@@ -3,9 +3,14 @@
 #include <QTimerEvent>
 
 #include <algorithm>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 namespace {
 
+// A schedule that held this many answers at once was flooded.
+constexpr size_t FloodAnswers = 4096;
 // A full socket is tried again after this pause.
 constexpr int RetryMs = 2;
 // How long the host with the most pending answers is taken as known before
@@ -90,8 +95,10 @@ void SsdpAnswerSchedule::remove(Host* host)
 
 void SsdpAnswerSchedule::timerEvent(QTimerEvent* event)
 {
-    if (event->timerId() != timer.timerId())
-        return QObject::timerEvent(event);
+    if (event->timerId() != timer.timerId()) {
+        QObject::timerEvent(event);
+        return;
+    }
     timer.stop(); // one shot: onTimeout() arms it again when answers remain
     onTimeout();
 }
@@ -118,9 +125,18 @@ void SsdpAnswerSchedule::onTimeout()
     }
     if (heap.empty()) {
         // Back to the idle footprint once drained.
+        const bool afterFlood = heap.capacity() >= FloodAnswers;
         std::vector<Answer>().swap(heap);
         hosts = QHash<QHostAddress, Host*>();
         largest = nullptr;
+#ifdef __GLIBC__
+        // The C library keeps what a flood freed for its next allocations (up
+        // to its trim threshold at the top of the heap, and all of it below);
+        // handed back once the flood is over, the daemon's memory returns to
+        // its idle level instead of staying at the flood's.
+        if (afterFlood)
+            malloc_trim(0);
+#endif
     }
     arm();
 }
