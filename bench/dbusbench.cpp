@@ -5,15 +5,15 @@
 //                                      Emit(uint n) sends n Changed(QString, int)
 //   dbusbench call SECONDS MAXCALLS    Echo("Living room", 42) round trips
 //   dbusbench signals COUNT SECONDS    Changed signals per second to one subscriber
+#include "benchqt.h"
+
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
 #include <QElapsedTimer>
 
-#include <algorithm>
 #include <cstdio>
-#include <vector>
 
 namespace {
 
@@ -21,19 +21,6 @@ const QString Service = QStringLiteral("org.quarn.QtBench");
 const QString Path = QStringLiteral("/bench");
 const QString Interface = QStringLiteral("org.quarn.Bench");
 const QString Text = QStringLiteral("Living room");
-
-void report(qint64 calls, qint64 elapsedNs, std::vector<qint64>* latencies = nullptr)
-{
-    double p50 = 0, p99 = 0;
-    if (latencies && !latencies->empty()) {
-        std::sort(latencies->begin(), latencies->end());
-        p50 = latencies->at(latencies->size() / 2) / 1000.0;
-        p99 = latencies->at(latencies->size() * 99 / 100) / 1000.0;
-    }
-    std::printf("calls=%lld seconds=%.6f rate=%.1f p50_us=%.2f p99_us=%.2f\n", static_cast<long long>(calls),
-                elapsedNs / 1e9, elapsedNs > 0 ? calls * 1e9 / elapsedNs : 0.0, p50, p99);
-    std::fflush(stdout);
-}
 
 } // namespace
 
@@ -58,22 +45,6 @@ signals:
     void Changed(const QString& text, int number);
 };
 
-class SignalCounter : public QObject
-{
-    Q_OBJECT
-
-public:
-    qint64 count = 0;
-
-public slots:
-    void onChanged(const QString& text, int number)
-    {
-        Q_UNUSED(text);
-        Q_UNUSED(number);
-        ++count;
-    }
-};
-
 namespace {
 
 int runServer()
@@ -93,32 +64,18 @@ int runServer()
 int runCalls(double seconds, qint64 maxCalls)
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
-    std::vector<qint64> latencies;
-    latencies.reserve(size_t(maxCalls));
     QDBusMessage message = QDBusMessage::createMethodCall(Service, Path, Interface, QStringLiteral("Echo"));
     message << Text << 42;
-    QElapsedTimer clock;
-    clock.start();
-    qint64 calls = 0, now = 0;
-    while (calls < maxCalls && now < qint64(seconds * 1e9)) {
-        const qint64 sent = now;
+    return benchTimedCalls(seconds, maxCalls, [&bus, &message](qint64) {
         const QDBusMessage reply = bus.call(message);
-        if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().value(0).toString() != Text) {
-            std::fprintf(stderr, "Echo failed: %s\n", qPrintable(reply.errorMessage()));
-            return 1;
-        }
-        now = clock.nsecsElapsed();
-        latencies.push_back(now - sent);
-        ++calls;
-    }
-    report(calls, now, &latencies);
-    return 0;
+        return reply.type() == QDBusMessage::ReplyMessage && reply.arguments().value(0).toString() == Text;
+    });
 }
 
 int runSignals(qint64 count, double seconds)
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
-    SignalCounter counter;
+    BenchSignalCounter counter;
     if (!bus.connect(Service, Path, Interface, QStringLiteral("Changed"), &counter, SLOT(onChanged(QString,int))))
         return 1;
     QDBusMessage emitCall = QDBusMessage::createMethodCall(Service, Path, Interface, QStringLiteral("Emit"));
@@ -128,7 +85,7 @@ int runSignals(qint64 count, double seconds)
     bus.asyncCall(emitCall);
     while (counter.count < count && clock.nsecsElapsed() < qint64(seconds * 1e9))
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
-    report(counter.count, clock.nsecsElapsed());
+    benchReport(counter.count, clock.nsecsElapsed());
     return 0;
 }
 

@@ -10,6 +10,7 @@
 //
 // Results are one line, as the C references print it:
 // "calls=N seconds=S rate=R p50_us=A p99_us=B".
+#include "benchqt.h"
 #include "benchwire.h"
 #include "socketadaptor.h"
 #include "socketinterface.h"
@@ -19,28 +20,13 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <vector>
 
 namespace {
 
 const QString Text = QStringLiteral("Living room");
 const char* const ServiceName = "com.zan.ravo.bench";
-
-void report(qint64 calls, qint64 elapsedNs, std::vector<qint64>* latencies = nullptr)
-{
-    double p50 = 0, p99 = 0;
-    if (latencies && !latencies->empty()) {
-        std::sort(latencies->begin(), latencies->end());
-        p50 = latencies->at(latencies->size() / 2) / 1000.0;
-        p99 = latencies->at(latencies->size() * 99 / 100) / 1000.0;
-    }
-    std::printf("calls=%lld seconds=%.6f rate=%.1f p50_us=%.2f p99_us=%.2f\n", static_cast<long long>(calls),
-                elapsedNs / 1e9, elapsedNs > 0 ? calls * 1e9 / elapsedNs : 0.0, p50, p99);
-    std::fflush(stdout);
-}
 
 class BenchService : public SocketAdaptor
 {
@@ -67,22 +53,6 @@ private:
     int calls = 0;
 };
 
-class SignalCounter : public QObject
-{
-    Q_OBJECT
-
-public:
-    qint64 count = 0;
-
-public slots:
-    void onChanged(const QString& text, int number)
-    {
-        Q_UNUSED(text);
-        Q_UNUSED(number);
-        ++count;
-    }
-};
-
 int runServer(const QString& dir)
 {
     BenchService service;
@@ -98,29 +68,15 @@ int runCalls(const QString& dir, const QString& service, double seconds, qint64 
     SocketInterface client(SocketConnection::LocalSocketType, service, dir);
     if (!client.isValid())
         return 1;
-    std::vector<qint64> latencies;
-    latencies.reserve(size_t(maxCalls));
-    QElapsedTimer clock;
-    clock.start();
-    qint64 calls = 0, now = 0;
-    while (calls < maxCalls && now < qint64(seconds * 1e9)) {
-        const qint64 sent = now;
-        if (client.call(SocketInterface::CallWithReturn, "echo", Text, 42).toQString() != Text) {
-            std::fprintf(stderr, "echo failed after %lld calls\n", static_cast<long long>(calls));
-            return 1;
-        }
-        now = clock.nsecsElapsed();
-        latencies.push_back(now - sent);
-        ++calls;
-    }
-    report(calls, now, &latencies);
-    return 0;
+    return benchTimedCalls(seconds, maxCalls, [&client](qint64) {
+        return client.call(SocketInterface::CallWithReturn, "echo", Text, 42).toQString() == Text;
+    });
 }
 
 int runSignals(const QString& dir, int count, double seconds)
 {
     SocketInterface client(SocketConnection::LocalSocketType, QString::fromLatin1(ServiceName), dir);
-    SignalCounter counter;
+    BenchSignalCounter counter;
     if (!client.isValid()
         || !client.connectDynamicSignal("changed(QString,int)", &counter, "onChanged(QString,int)"))
         return 1;
@@ -129,7 +85,7 @@ int runSignals(const QString& dir, int count, double seconds)
     client.call("emitChanged", count);
     while (counter.count < count && clock.nsecsElapsed() < qint64(seconds * 1e9))
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
-    report(counter.count, clock.nsecsElapsed());
+    benchReport(counter.count, clock.nsecsElapsed());
     return 0;
 }
 
@@ -151,7 +107,7 @@ int runOneWay(const QString& dir, int count, double seconds)
         std::fprintf(stderr, "%d of %d one-way calls arrived\n", arrived, sent);
         return 1;
     }
-    report(sent, clock.nsecsElapsed());
+    benchReport(sent, clock.nsecsElapsed());
     return 0;
 }
 
@@ -187,32 +143,20 @@ int runQtCalls(const QString& path, double seconds, qint64 maxCalls)
     socket.connectToServer(path);
     if (!socket.waitForConnected(5000))
         return 1;
-    std::vector<qint64> latencies;
-    latencies.reserve(size_t(maxCalls));
     char request[sizeof(BenchCall)];
     char answer[sizeof(BenchReturn)];
     std::memcpy(request, BenchCall, sizeof(request));
-    QElapsedTimer clock;
-    clock.start();
-    qint64 calls = 0, now = 0;
-    while (calls < maxCalls && now < qint64(seconds * 1e9)) {
-        const qint64 sent = now;
-        request[BENCH_QUERY_ID_OFFSET] = char(calls & 0xFF);
-        request[BENCH_QUERY_ID_OFFSET + 1] = char((calls >> 8) & 0xFF);
+    return benchTimedCalls(seconds, maxCalls, [&](qint64 call) {
+        request[BENCH_QUERY_ID_OFFSET] = char(call & 0xFF);
+        request[BENCH_QUERY_ID_OFFSET + 1] = char((call >> 8) & 0xFF);
         socket.write(request, sizeof(request));
         socket.flush();
         while (socket.bytesAvailable() < qint64(sizeof(answer)))
             if (!socket.waitForReadyRead(5000))
-                return 1;
+                return false;
         socket.read(answer, sizeof(answer));
-        if (std::memcmp(answer + BENCH_QUERY_ID_OFFSET, request + BENCH_QUERY_ID_OFFSET, 2) != 0)
-            return 1;
-        now = clock.nsecsElapsed();
-        latencies.push_back(now - sent);
-        ++calls;
-    }
-    report(calls, now, &latencies);
-    return 0;
+        return std::memcmp(answer + BENCH_QUERY_ID_OFFSET, request + BENCH_QUERY_ID_OFFSET, 2) == 0;
+    });
 }
 
 } // namespace

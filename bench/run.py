@@ -128,32 +128,28 @@ class Suite:
 
 # --- what the kernel tells about a process
 
-def cpu_ns(pid):
-    """CPU time of all threads of pid, in ns, from the scheduler's own account."""
-    total = 0.0
+def per_thread_sum(pid, name, field, value):
+    """The sum over all threads of pid of value(line) for the lines of /proc/<pid>/task/*/<name> that start
+    with one of field."""
+    total = 0
     for tid in os.listdir("/proc/%d/task" % pid):
         try:
-            with open("/proc/%d/task/%s/sched" % (pid, tid)) as sched:
-                for line in sched:
-                    if line.startswith("se.sum_exec_runtime"):
-                        total += float(line.split(":")[1])
+            with open("/proc/%d/task/%s/%s" % (pid, tid, name)) as lines:
+                total += sum(value(line) for line in lines if line.startswith(field))
         except FileNotFoundError:
-            pass
-    return total * 1e6
+            pass  # the thread ended meanwhile
+    return total
+
+
+def cpu_ns(pid):
+    """CPU time of all threads of pid, in ns, from the scheduler's own account."""
+    return per_thread_sum(pid, "sched", "se.sum_exec_runtime", lambda line: float(line.split(":")[1]) * 1e6)
 
 
 def switches(pid):
     """Voluntary and involuntary context switches of all threads of pid."""
-    total = 0
-    for tid in os.listdir("/proc/%d/task" % pid):
-        try:
-            with open("/proc/%d/task/%s/status" % (pid, tid)) as status:
-                for line in status:
-                    if line.startswith(("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches")):
-                        total += int(line.split()[1])
-        except FileNotFoundError:
-            pass
-    return total
+    return per_thread_sum(pid, "status", ("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches"),
+                          lambda line: int(line.split()[1]))
 
 
 def memory_kib(pid):
