@@ -632,7 +632,8 @@ def machine(cpu, started, load_before):
     busiest = subprocess.run(["ps", "-eo", "pcpu,comm", "--sort=-pcpu", "--no-headers"], stdout=subprocess.PIPE,
                              text=True).stdout.splitlines()[:6]
     return ("%d CPUs (%s), Linux %s, %s. Load average %s at the start, %s at the end; CPU %d (the idlest at the start) "
-            "took the pinned runs. Busiest processes at the end: %s. Run started %s." % (
+            "took the pinned runs. Busiest processes at the end (ps, each one's CPU share over its lifetime): %s. "
+            "Run started %s." % (
                 os.cpu_count(), model, platform.release(), "Qt " + qt_version(), load_before,
                 " ".join(open("/proc/loadavg").read().split()[:3]), cpu,
                 "; ".join(" ".join(line.split()) for line in busiest), started))

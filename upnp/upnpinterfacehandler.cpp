@@ -186,13 +186,15 @@ void UpnpInterfaceHandler::setEnableIGMPQuerier(bool on)
 
 void UpnpInterfaceHandler::onDatagramReceived()
 {
-    // A search fits in well under 1 KiB: anything larger than the limit is
-    // dropped unparsed, so that a datagram full of headers costs nothing. One
-    // read of at most one byte beyond the limit tells, where asking for the
-    // size first would cost two more system calls per search.
-    const QNetworkDatagram datagram = socket.receiveDatagram(Ssdp::MaxDatagramSize + 1);
-    if (datagram.data().size() > Ssdp::MaxDatagramSize)
+    // A search fits in well under 1 KiB: anything this large is dropped unread,
+    // so that a datagram full of headers costs no parsing. The size asked
+    // once is handed on: receiveDatagram() would ask again without it.
+    const qint64 size = socket.pendingDatagramSize();
+    if (size > Ssdp::MaxDatagramSize) {
+        socket.receiveDatagram(0);
         return;
+    }
+    const QNetworkDatagram datagram = socket.receiveDatagram(std::max<qint64>(size, 0));
     // Endpoints of one family share the group's port and all receive what
     // arrives on any interface; each answers only on its own, where its
     // location can be reached.
