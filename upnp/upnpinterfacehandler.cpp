@@ -190,11 +190,13 @@ void UpnpInterfaceHandler::onDatagramReceived()
     // so that a datagram full of headers costs no parsing. The size asked
     // once is handed on: receiveDatagram() would ask again without it.
     const qint64 size = socket.pendingDatagramSize();
+    if (size < 0)
+        return; // nothing to read after all
     if (size > Ssdp::MaxDatagramSize) {
         socket.receiveDatagram(0);
         return;
     }
-    const QNetworkDatagram datagram = socket.receiveDatagram(std::max<qint64>(size, 0));
+    const QNetworkDatagram datagram = socket.receiveDatagram(size);
     // Endpoints of one family share the group's port and all receive what
     // arrives on any interface; each answers only on its own, where its
     // location can be reached.
