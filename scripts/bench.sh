@@ -4,7 +4,7 @@
 # plain Qt, sd-bus and QtDBus on a private dbus-daemon, minissdpd and GSSDP in
 # private network namespaces), in interleaved rounds; prints one table and
 # writes docs/PERFORMANCE.md.
-#   scripts/bench.sh           the full run (about ten minutes)
+#   scripts/bench.sh           the full run (about seven minutes)
 #   scripts/bench.sh --smoke   everything once, briefly, for CI; writes build-bench/PERFORMANCE-smoke.md
 # Needs root (namespaces, taskset); installs the Debian packages it needs.
 # Builds in build-bench/ with optimisation, as the daemon ships.
