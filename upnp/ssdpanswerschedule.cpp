@@ -30,12 +30,6 @@ SsdpAnswerSchedule::~SsdpAnswerSchedule()
     qDeleteAll(hosts);
 }
 
-// Heap order: the answer due first, and of those the one scheduled first, on top.
-bool SsdpAnswerSchedule::dueLater(const Answer& a, const Answer& b)
-{
-    return a.due != b.due ? a.due > b.due : qint32(a.order - b.order) > 0;
-}
-
 bool SsdpAnswerSchedule::schedule(const QHostAddress& address, quint16 port, int target, qint64 delayMs)
 {
     Host*& host = hosts[address];
@@ -58,7 +52,7 @@ bool SsdpAnswerSchedule::schedule(const QHostAddress& address, quint16 port, int
         largest = host;
     const quint32 order = nextOrder++;
     heap.push_back({clock.elapsed() + std::max<qint64>(delayMs, 0), host, order, port, quint8(target)});
-    std::push_heap(heap.begin(), heap.end(), dueLater);
+    std::push_heap(heap.begin(), heap.end(), DueLater());
     if (heap.front().order == order)
         arm();
     return true;
@@ -119,7 +113,7 @@ void SsdpAnswerSchedule::onTimeout()
             timer.start(RetryMs, Qt::PreciseTimer, this);
             return;
         }
-        std::pop_heap(heap.begin(), heap.end(), dueLater);
+        std::pop_heap(heap.begin(), heap.end(), DueLater());
         heap.pop_back();
         remove(host);
     }

@@ -65,7 +65,16 @@ private:
         quint8 target;
     };
 
-    static bool dueLater(const Answer& a, const Answer& b);
+    // Heap order: the answer due first, and of those the one scheduled first,
+    // on top. A type rather than a function, so that the heap's sifting
+    // compares inline: a flood keeps tens of thousands of answers in it.
+    struct DueLater
+    {
+        bool operator()(const Answer& a, const Answer& b) const
+        {
+            return a.due != b.due ? a.due > b.due : qint32(a.order - b.order) > 0;
+        }
+    };
     void onTimeout();
     Host* largestHost();
     void remove(Host* host);
