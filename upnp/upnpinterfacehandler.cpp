@@ -269,9 +269,11 @@ bool UpnpInterfaceHandler::sendAnswer(const QHostAddress& host, quint16 port, in
     prepareAnswers();
     if (target >= answerTexts.size())
         return true; // the device type went meanwhile
-    QNetworkDatagram answer(answerTexts.at(target), host, port);
-    answer.setInterfaceIndex(uint(interface.index()));
-    if (socket.writeDatagram(answer) >= 0)
+    // One datagram for all answers: only its text and destination change.
+    answerDatagram.setData(answerTexts.at(target));
+    answerDatagram.setDestination(host, port);
+    answerDatagram.setInterfaceIndex(uint(interface.index()));
+    if (socket.writeDatagram(answerDatagram) >= 0)
         return true;
     // A full send buffer drains within moments: the answer waits for it.
     return errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS;

@@ -122,6 +122,7 @@ private:
     };
     QVector<QByteArray> answerTexts;
     QVector<SearchTarget> searchTargets;
+    QNetworkDatagram answerDatagram;
 };
 
 #endif // UPNPINTERFACEHANDLER_H
