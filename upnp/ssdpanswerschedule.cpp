@@ -1,9 +1,16 @@
 #include "ssdpanswerschedule.h"
 
+#include <QTimerEvent>
+
 #include <algorithm>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 namespace {
 
+// A schedule that held this many answers at once was flooded.
+constexpr size_t FloodAnswers = 4096;
 // A full socket is tried again after this pause.
 constexpr int RetryMs = 2;
 // How long the host with the most pending answers is taken as known before
@@ -16,20 +23,11 @@ SsdpAnswerSchedule::SsdpAnswerSchedule(Sender sender, int budget, QObject* paren
     : QObject(parent), send(std::move(sender)), budget(budget)
 {
     clock.start();
-    timer.setSingleShot(true);
-    timer.setTimerType(Qt::PreciseTimer);
-    connect(&timer, &QTimer::timeout, this, &SsdpAnswerSchedule::onTimeout);
 }
 
 SsdpAnswerSchedule::~SsdpAnswerSchedule()
 {
     qDeleteAll(hosts);
-}
-
-// Heap order: the answer due first, and of those the one scheduled first, on top.
-bool SsdpAnswerSchedule::dueLater(const Answer& a, const Answer& b)
-{
-    return a.due != b.due ? a.due > b.due : qint32(a.order - b.order) > 0;
 }
 
 bool SsdpAnswerSchedule::schedule(const QHostAddress& address, quint16 port, int target, qint64 delayMs)
@@ -54,7 +52,7 @@ bool SsdpAnswerSchedule::schedule(const QHostAddress& address, quint16 port, int
         largest = host;
     const quint32 order = nextOrder++;
     heap.push_back({clock.elapsed() + std::max<qint64>(delayMs, 0), host, order, port, quint8(target)});
-    std::push_heap(heap.begin(), heap.end(), dueLater);
+    std::push_heap(heap.begin(), heap.end(), DueLater());
     if (heap.front().order == order)
         arm();
     return true;
@@ -89,6 +87,16 @@ void SsdpAnswerSchedule::remove(Host* host)
     delete host;
 }
 
+void SsdpAnswerSchedule::timerEvent(QTimerEvent* event)
+{
+    if (event->timerId() != timer.timerId()) {
+        QObject::timerEvent(event);
+        return;
+    }
+    timer.stop(); // one shot: onTimeout() arms it again when answers remain
+    onTimeout();
+}
+
 void SsdpAnswerSchedule::onTimeout()
 {
     const qint64 now = clock.elapsed();
@@ -102,18 +110,27 @@ void SsdpAnswerSchedule::onTimeout()
             --pending;
             ++sent;
         } else {
-            timer.start(RetryMs);
+            timer.start(RetryMs, Qt::PreciseTimer, this);
             return;
         }
-        std::pop_heap(heap.begin(), heap.end(), dueLater);
+        std::pop_heap(heap.begin(), heap.end(), DueLater());
         heap.pop_back();
         remove(host);
     }
     if (heap.empty()) {
         // Back to the idle footprint once drained.
+        const bool afterFlood = heap.capacity() >= FloodAnswers;
         std::vector<Answer>().swap(heap);
         hosts = QHash<QHostAddress, Host*>();
         largest = nullptr;
+#ifdef __GLIBC__
+        // The C library keeps what a flood freed for its next allocations (up
+        // to its trim threshold at the top of the heap, and all of it below);
+        // handed back once the flood is over, the daemon's memory returns to
+        // its idle level instead of staying at the flood's.
+        if (afterFlood)
+            malloc_trim(0);
+#endif
     }
     arm();
 }
@@ -124,5 +141,5 @@ void SsdpAnswerSchedule::arm()
         timer.stop();
         return;
     }
-    timer.start(int(std::max<qint64>(0, heap.front().due - clock.elapsed())));
+    timer.start(int(std::max<qint64>(0, heap.front().due - clock.elapsed())), Qt::PreciseTimer, this);
 }

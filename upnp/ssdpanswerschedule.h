@@ -1,11 +1,11 @@
 #ifndef SSDPANSWERSCHEDULE_H
 #define SSDPANSWERSCHEDULE_H
 
+#include <QBasicTimer>
 #include <QElapsedTimer>
 #include <QHash>
 #include <QHostAddress>
 #include <QObject>
-#include <QTimer>
 
 #include <functional>
 #include <vector>
@@ -45,8 +45,8 @@ public:
     int pendingCount() const { return pending; }
     int pendingCount(const QHostAddress& host) const;
 
-private slots:
-    void onTimeout();
+protected:
+    void timerEvent(QTimerEvent* event) override;
 
 private:
     struct Host
@@ -65,7 +65,17 @@ private:
         quint8 target;
     };
 
-    static bool dueLater(const Answer& a, const Answer& b);
+    // Heap order: the answer due first, and of those the one scheduled first,
+    // on top. A type rather than a function, so that the heap's sifting
+    // compares inline: a flood keeps tens of thousands of answers in it.
+    struct DueLater
+    {
+        bool operator()(const Answer& a, const Answer& b) const
+        {
+            return a.due != b.due ? a.due > b.due : qint32(a.order - b.order) > 0;
+        }
+    };
+    void onTimeout();
     Host* largestHost();
     void remove(Host* host);
     void arm();
@@ -79,7 +89,9 @@ private:
     Host* largest = nullptr;
     qint64 largestCheckedAt = -1;
     QElapsedTimer clock;
-    QTimer timer;
+    // A bare timer: it fires for about every millisecond in which an answer
+    // falls due, and a signal per shot would only add to that.
+    QBasicTimer timer;
 };
 
 #endif // SSDPANSWERSCHEDULE_H

@@ -5,6 +5,9 @@
 #include <QHostAddress>
 #include <QMap>
 
+#include <optional>
+#include <string_view>
+
 // The SSDP texts the daemon sends and the parsing of what it receives. Every
 // byte of them is fixed: control points of several vendors rely on them. Pure
 // functions; the endpoint (UpnpInterfaceHandler) fills in its values.
@@ -50,6 +53,17 @@ struct Message
 // start line, a header line without a colon or with a blank before it, headers
 // not closed by a line break.
 Message parse(const QByteArray& datagram);
+
+// What parse() would find of the three headers that a search is answered by,
+// without building the header map: the daemon reads every search this way.
+// The views point into the datagram and are valid while it lives. isSearch is
+// false for anything that parse() does not classify as a search.
+struct SearchHeaders
+{
+    bool isSearch = false;
+    std::optional<std::string_view> man, mx, st;
+};
+SearchHeaders parseSearch(const QByteArray& datagram);
 
 // How long a searcher lets answers take, from its MX value: MX seconds, kept
 // within 1 to 5, in milliseconds; 3000 ms when MX is not a number.

@@ -23,7 +23,7 @@ UpnpInterfaceHandler::UpnpInterfaceHandler(const QNetworkInterface& interface,
       entry(addressEntry),
       group(groupAddress),
       locationUrl(location),
-      onLinkSubnets{{addressEntry.ip(), addressEntry.prefixLength()}},
+      interfaceAddresses{addressEntry},
       answers([this](const QHostAddress& host, quint16 port, int target) { return sendAnswer(host, port, target); },
               answerBudget)
 {
@@ -161,6 +161,7 @@ void UpnpInterfaceHandler::sendAlive()
 void UpnpInterfaceHandler::sendUpdate()
 {
     answerTexts.clear();
+    searchTargets.clear();
     sendAdvertisements(Ssdp::Update);
     sendSecondBurst(Ssdp::Update);
 }
@@ -186,56 +187,93 @@ void UpnpInterfaceHandler::setEnableIGMPQuerier(bool on)
 void UpnpInterfaceHandler::onDatagramReceived()
 {
     // A search fits in well under 1 KiB: anything this large is dropped unread,
-    // so that a datagram full of headers costs no parsing.
-    if (socket.pendingDatagramSize() > Ssdp::MaxDatagramSize) {
+    // so that a datagram full of headers costs no parsing. The size asked
+    // once is handed on: receiveDatagram() would ask again without it.
+    const qint64 size = socket.pendingDatagramSize();
+    if (size < 0)
+        return; // nothing to read after all
+    if (size > Ssdp::MaxDatagramSize) {
         socket.receiveDatagram(0);
         return;
     }
-    const QNetworkDatagram datagram = socket.receiveDatagram();
+    const QNetworkDatagram datagram = socket.receiveDatagram(size);
     // Endpoints of one family share the group's port and all receive what
     // arrives on any interface; each answers only on its own, where its
     // location can be reached.
     if (datagram.interfaceIndex() != 0 && int(datagram.interfaceIndex()) != interface.index())
         return;
-    const Ssdp::Message message = Ssdp::parse(datagram.data());
-    if (message.kind == Ssdp::Message::Search)
-        handleMSearch(datagram, message.headers);
+    // Searches are read without a header map: this runs for every search a
+    // flood brings. The views point into data.
+    const QByteArray data = datagram.data();
+    const Ssdp::SearchHeaders search = Ssdp::parseSearch(data);
+    if (search.isSearch)
+        answerSearch(datagram.senderAddress(), quint16(datagram.senderPort()), search.man, search.mx, search.st);
 }
 
 void UpnpInterfaceHandler::handleMSearch(const QNetworkDatagram& datagram, const Ssdp::Headers& headers)
 {
-    if (!isOnLink(datagram.senderAddress()))
+    const auto header = [&headers](const char* name) -> std::optional<std::string_view> {
+        const auto it = headers.constFind(name);
+        if (it == headers.cend())
+            return std::nullopt;
+        return std::string_view(it->constData(), size_t(it->size()));
+    };
+    answerSearch(datagram.senderAddress(), quint16(datagram.senderPort()), header("man"), header("mx"), header("st"));
+}
+
+void UpnpInterfaceHandler::answerSearch(const QHostAddress& sender, quint16 port,
+                                        const std::optional<std::string_view>& man,
+                                        const std::optional<std::string_view>& mx,
+                                        const std::optional<std::string_view>& st)
+{
+    if (!isOnLink(sender))
         return;
-    if (!headers.contains("man") || !headers.contains("mx") || !headers.contains("st"))
+    if (!man || !mx || !st)
         return;
-    if (headers.value("man") != "\"ssdp:discover\"")
+    if (*man != "\"ssdp:discover\"")
         return;
-    const QMap<QByteArray, QByteArray> replies = calculateStReplies(headers.value("st"));
-    const quint32 span = Ssdp::responseSpan(headers.value("mx"));
-    const QByteArray udn = "uuid:" + coordinator->uuid();
-    for (auto it = replies.cbegin(); it != replies.cend(); ++it) {
+    prepareAnswers();
+    const quint32 span = Ssdp::responseSpan(QByteArray(mx->data(), int(mx->size())));
+    const bool all = *st == Ssdp::All;
+    // The targets of calculateStReplies(st), in its order: every target for
+    // ssdp:all, else the one whose ST equals st.
+    for (const SearchTarget& target : qAsConst(searchTargets)) {
+        if (!all && std::string_view(target.st.constData(), size_t(target.st.size())) != *st)
+            continue;
         const quint32 delay = quint32(std::rand()) % span;
-        const int target = it.key() == Ssdp::RootDevice ? 0
-                           : it.key() == udn            ? 1
-                                                        : 2 + coordinator->deviceTypes().indexOf(it.key());
         // Addressed to the searcher, out through the interface the search came in on.
-        answers.schedule(datagram.senderAddress(), quint16(datagram.senderPort()), target, delay);
+        answers.schedule(sender, port, target.index, delay);
+    }
+}
+
+void UpnpInterfaceHandler::prepareAnswers()
+{
+    if (!answerTexts.isEmpty())
+        return;
+    const QByteArray udn = "uuid:" + coordinator->uuid();
+    answerTexts << buildSearchReply(Ssdp::RootDevice, udn + "::" + Ssdp::RootDevice) << buildSearchReply(udn, udn);
+    for (const QByteArray& type : coordinator->deviceTypes())
+        answerTexts << buildSearchReply(type, udn + "::" + type);
+    const QMap<QByteArray, QByteArray> all = calculateStReplies(Ssdp::All);
+    searchTargets.clear();
+    for (auto it = all.cbegin(); it != all.cend(); ++it) {
+        const int index = it.key() == Ssdp::RootDevice ? 0
+                          : it.key() == udn            ? 1
+                                                       : 2 + coordinator->deviceTypes().indexOf(it.key());
+        searchTargets.append({it.key(), index});
     }
 }
 
 bool UpnpInterfaceHandler::sendAnswer(const QHostAddress& host, quint16 port, int target)
 {
-    if (answerTexts.isEmpty()) {
-        const QByteArray udn = "uuid:" + coordinator->uuid();
-        answerTexts << buildSearchReply(Ssdp::RootDevice, udn + "::" + Ssdp::RootDevice) << buildSearchReply(udn, udn);
-        for (const QByteArray& type : coordinator->deviceTypes())
-            answerTexts << buildSearchReply(type, udn + "::" + type);
-    }
+    prepareAnswers();
     if (target >= answerTexts.size())
         return true; // the device type went meanwhile
-    QNetworkDatagram answer(answerTexts.at(target), host, port);
-    answer.setInterfaceIndex(uint(interface.index()));
-    if (socket.writeDatagram(answer) >= 0)
+    // One datagram for all answers: only its text and destination change.
+    answerDatagram.setData(answerTexts.at(target));
+    answerDatagram.setDestination(host, port);
+    answerDatagram.setInterfaceIndex(uint(interface.index()));
+    if (socket.writeDatagram(answerDatagram) >= 0)
         return true;
     // A full send buffer drains within moments: the answer waits for it.
     return errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS;
@@ -243,21 +281,26 @@ bool UpnpInterfaceHandler::sendAnswer(const QHostAddress& host, quint16 port, in
 
 void UpnpInterfaceHandler::setInterfaceAddresses(const QList<QNetworkAddressEntry>& entries)
 {
-    onLinkSubnets.clear();
-    for (const QNetworkAddressEntry& address : entries)
-        if (address.ip().protocol() == entry.ip().protocol())
-            onLinkSubnets.append({address.ip(), address.prefixLength()});
-    if (onLinkSubnets.isEmpty())
-        onLinkSubnets.append({entry.ip(), entry.prefixLength()});
+    interfaceAddresses = entries;
 }
 
 bool UpnpInterfaceHandler::isOnLink(const QHostAddress& source) const
 {
     if (source.protocol() == QAbstractSocket::IPv6Protocol && source.isLinkLocal())
         return true;
-    return std::any_of(onLinkSubnets.cbegin(), onLinkSubnets.cend(), [&source](const QPair<QHostAddress, int>& subnet) {
-        return source.isInSubnet(subnet.first, subnet.second);
-    });
+    // The subnets of the interface's addresses of this endpoint's family; its
+    // own address's subnet when the interface has none of them.
+    const QAbstractSocket::NetworkLayerProtocol family = entry.ip().protocol();
+    bool familySeen = false;
+    for (const QNetworkAddressEntry& address : qAsConst(interfaceAddresses)) {
+        const QHostAddress ip = address.ip();
+        if (ip.protocol() != family)
+            continue;
+        familySeen = true;
+        if (source.isInSubnet(ip, address.prefixLength()))
+            return true;
+    }
+    return !familySeen && source.isInSubnet(entry.ip(), entry.prefixLength());
 }
 
 QMap<QByteArray, QByteArray> UpnpInterfaceHandler::calculateStReplies(const QByteArray& st) const

@@ -89,6 +89,9 @@ private:
     void sendSingleAdvertisement(const QByteArray& nts, const QByteArray& nt, const QByteArray& usn);
     void sendAdvertisements(const QByteArray& nts);
     void sendSecondBurst(const QByteArray& nts);
+    void answerSearch(const QHostAddress& sender, quint16 port, const std::optional<std::string_view>& man,
+                      const std::optional<std::string_view>& mx, const std::optional<std::string_view>& st);
+    void prepareAnswers();
     bool sendAnswer(const QHostAddress& host, quint16 port, int target);
     bool joinGroup();
     bool addressStillAssigned() const;
@@ -104,12 +107,22 @@ private:
     QTimer announceTimer;
     QElapsedTimer joinErrorTimer;
     qint32 suppressedCount = 0;
-    QList<QPair<QHostAddress, int>> onLinkSubnets;
+    // Shared by all endpoints of the interface: a rescan hands the same list
+    // to each of them, at no cost per endpoint.
+    QList<QNetworkAddressEntry> interfaceAddresses;
     SsdpAnswerSchedule answers;
-    // The answer texts by target (root device, UUID, each device type),
-    // made when first needed and again after every change of the shared
-    // values, which always comes with an update burst.
+    // The answer texts by target (root device, UUID, each device type), and
+    // the targets in the order in which a search for ssdp:all schedules them
+    // (by ST), made when first needed and again after every change of the
+    // shared values, which always comes with an update burst.
+    struct SearchTarget
+    {
+        QByteArray st;
+        int index;
+    };
     QVector<QByteArray> answerTexts;
+    QVector<SearchTarget> searchTargets;
+    QNetworkDatagram answerDatagram;
 };
 
 #endif // UPNPINTERFACEHANDLER_H

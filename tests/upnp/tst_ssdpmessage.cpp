@@ -163,6 +163,18 @@ void tst_SsdpMessage::parserAcceptsAndDrops()
         QVERIFY(message.headers.isEmpty());
     else if (!stKey.isEmpty())
         QCOMPARE(message.headers.value(stKey), stValue);
+
+    // The daemon reads searches without the map; it must take and drop the same.
+    const Ssdp::SearchHeaders search = Ssdp::parseSearch(datagram);
+    QCOMPARE(search.isSearch, kind == Message::Search);
+    const auto text = [](const std::optional<std::string_view>& view) {
+        return view ? QByteArray(view->data(), int(view->size())) : QByteArray("(none)");
+    };
+    if (search.isSearch) {
+        QCOMPARE(text(search.man), message.headers.value("man", "(none)"));
+        QCOMPARE(text(search.mx), message.headers.value("mx", "(none)"));
+        QCOMPARE(text(search.st), message.headers.value("st", "(none)"));
+    }
 }
 
 void tst_SsdpMessage::responseSpanFollowsMx()
