@@ -73,7 +73,9 @@ void LocalSocket::onError(QLocalSocket::LocalSocketError code)
 
 bool LocalSocket::isValid() const
 {
-    return socket && socket->isValid();
+    // QLocalSocket stays "valid" after its peer has closed, until it is closed
+    // itself; a stream that has gone is of no use to anyone.
+    return socket && socket->isValid() && socket->state() != QLocalSocket::UnconnectedState;
 }
 
 bool LocalSocket::waitForConnected(int ms)
