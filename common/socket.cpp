@@ -73,7 +73,8 @@ void LocalSocket::onError(QLocalSocket::LocalSocketError code)
 
 bool LocalSocket::isValid() const
 {
-    // An unconnected socket stays open as a device: the state tells.
+    // QLocalSocket stays "valid" after its peer has closed, until it is closed
+    // itself; a stream that has gone is of no use to anyone.
     return socket && socket->isValid() && socket->state() != QLocalSocket::UnconnectedState;
 }
 

@@ -276,11 +276,15 @@ bool putReturnValue(Sink& sink, quint16 queryId, bool success, const SocketArgum
     return value ? putParameter(sink, *value) : putTag(sink, SocketArgument::TypeInvalid);
 }
 
+// Why a peer is dropped, for its log line.
+QString oversizeText()
+{
+    return QStringLiteral("a message over %1 bytes").arg(SocketConnection::MaxMessageBytes);
+}
+
 QString limitText()
 {
-    return QStringLiteral("a message over %1 bytes or %2 elements")
-        .arg(SocketConnection::MaxMessageBytes)
-        .arg(SocketArgument::MaxDecodedElements);
+    return oversizeText() + QStringLiteral(" or %1 elements").arg(SocketArgument::MaxDecodedElements);
 }
 
 } // namespace
@@ -369,7 +373,7 @@ void SocketConnection::parseReceivedData(ParserSide side, SocketMessageReceiver*
     }
     // A message that keeps growing without end is not waited for.
     if (state != StateSyncWord && receiveBuffer.size() - messageStart > MaxMessageBytes) {
-        dropOverLimit(QStringLiteral("a message over %1 bytes").arg(MaxMessageBytes));
+        dropOverLimit(oversizeText());
         return;
     }
     passStart = outerPassStart;
@@ -518,7 +522,7 @@ SocketConnection::StepOutcome SocketConnection::serverStep(SocketMessageReceiver
             return StepNeedMore;
         commit();
         if (getMessageSize() > MaxMessageBytes)
-            return dropOverLimit(QStringLiteral("a message over %1 bytes").arg(MaxMessageBytes));
+            return dropOverLimit(oversizeText());
         state = StateValueTag;
         if (messageType == CallWithReturnMessage)
             startInvokeTimeout(invokeTimeoutInterval);
@@ -663,7 +667,7 @@ SocketConnection::StepOutcome SocketConnection::clientStep(SocketMessageReceiver
             return StepNeedMore;
         commit();
         if (getMessageSize() > MaxMessageBytes)
-            return dropOverLimit(QStringLiteral("a message over %1 bytes").arg(MaxMessageBytes));
+            return dropOverLimit(oversizeText());
         state = StateValueTag;
         return StepContinue;
     case StateRpcSuccess:

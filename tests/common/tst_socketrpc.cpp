@@ -58,7 +58,7 @@ private slots:
     void signalsReachSubscribersOutsideBlockingWaits();
     void subscribersThatLeaveOrStopReadingAreDropped();
     void heartbeatReportsTheRunStage();
-    void theListenerComesBackAfterAFailure();
+    void theListenerCapsClientsAndComesBackAfterAFailure();
     void twoHundredClientsMakeAThousandCallsEach();
     void rpccallCallsAndListens();
 
@@ -292,10 +292,16 @@ void tst_SocketRpc::heartbeatReportsTheRunStage()
     QVERIFY(capture.take().contains("Failed to connect to diagnosis, retrying with heartbeat"));
 }
 
-void tst_SocketRpc::theListenerComesBackAfterAFailure()
+void tst_SocketRpc::theListenerCapsClientsAndComesBackAfterAFailure()
 {
     Module service("com.zan.ravo.diagnosis");
     QVERIFY(listen(service));
+    // One client past the limit is accepted and closed at once.
+    std::vector<std::unique_ptr<SocketInterface>> clients;
+    while (clients.size() <= size_t(SocketAdaptor::MaxConnections))
+        clients.push_back(client({}, "com.zan.ravo.diagnosis"));
+    QTRY_COMPARE(std::count_if(clients.begin(), clients.end(), [](const auto& c) { return !c->isValid(); }), 1L);
+    clients.clear();
     // Its descriptor turned into something that is no socket: accepting fails.
     int listener = 0, accepting = 0;
     for (socklen_t size = sizeof(int); listener < 1024 && !accepting; ++listener)

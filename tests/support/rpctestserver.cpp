@@ -58,12 +58,7 @@ public slots:
     void notify(QString text) { emitSignal("changed(QString,int)", text, 42); }
     int notifyThenAnswer(QString text) { return notify(text), 7; }
 
-    SocketPromise resultBeforeCallData(int value)
-    {
-        SocketPromise promise;
-        promise.setResult(value * 2);
-        return promise;
-    }
+    SocketPromise resultBeforeCallData(int value) { SocketPromise promise; promise.setResult(value * 2); return promise; }
     SocketPromise resultTwice()
     {
         SocketPromise promise;
