@@ -175,7 +175,9 @@ class SocketAdaptorWithPing : public SocketAdaptor
     Q_OBJECT
 
 public:
-    explicit SocketAdaptorWithPing(QObject* parent = nullptr, int heartbeatInterval = 120000);
+    static constexpr int DefaultHeartbeatInterval = 120000;
+
+    explicit SocketAdaptorWithPing(QObject* parent = nullptr, int heartbeatInterval = DefaultHeartbeatInterval);
     ~SocketAdaptorWithPing() override;
 
     // Connects to "com.zan.ravo.diagnosis"; on failure tries again with the next heartbeat.

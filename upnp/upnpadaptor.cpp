@@ -59,7 +59,7 @@ QString fitAvahiName(const QString& name)
 } // namespace
 
 CUpnpAdaptor::CUpnpAdaptor(QObject* parent)
-    : SocketAdaptorWithPing(parent, readNumberSetting(QSettings(), "timing/heartbeatInterval", 120000, 1000, 3600000))
+    : SocketAdaptorWithPing(parent, readNumberSetting(QSettings(), "timing/heartbeatInterval", DefaultHeartbeatInterval, 1000, 3600000))
 {
     const QSettings database(QStringLiteral("quarn"), QStringLiteral("database"));
     const QString dataPath = database.value("data/path", "./data").toString();
@@ -68,7 +68,7 @@ CUpnpAdaptor::CUpnpAdaptor(QObject* parent)
     serviceFilePath = database.value("avahiConfigFileName", "/tmp/tessaline-quarn.service").toString();
 
     const QSettings own;
-    rescanInterval = readNumberSetting(own, "timing/rescanInterval", 10000, 100, 24 * 3600 * 1000);
+    rescanInterval = readNumberSetting(own, "timing/rescanInterval", int(UpnpTimings().rescanInterval), 100, 24 * 3600 * 1000);
     avahiRestartPause = readNumberSetting(own, "timing/avahiRestartPause", 2000, 0, 600000);
 
     avahiRestartTimer.setSingleShot(true);

@@ -31,7 +31,6 @@ private slots:
     void valuesAreFollowedByOneBlank();
     void switchesGateDetailedLines();
     void errorLinesAreCountedWhenStarted();
-    void traceLinesNameTheScopeAndItsDuration();
     void frameworkMessagesAreFiltered();
 };
 
@@ -146,24 +145,6 @@ void tst_LoggingInterface::errorLinesAreCountedWhenStarted()
     QCOMPARE(getErrorLogLineCount(), 41u);
     shutdownLogging();
     QCOMPARE(getErrorLogLineCount(), 0u);
-}
-
-void tst_LoggingInterface::traceLinesNameTheScopeAndItsDuration()
-{
-    // Without the trace switch the lines are built but not written.
-    QCOMPARE(captureStdout([] { CTrace trace(__FILE__, "quiet", __LINE__); }), QByteArray());
-    logging::__LoggingActive = true;
-    QCOMPARE(captureStdout([] { CTrace trace(__FILE__, "quiet", __LINE__); }), QByteArray());
-
-    initLogging(false, true, false, true);
-    const QList<QByteArray> lines = captureStdout([] {
-                                        CTrace trace(__FILE__, "rescan", __LINE__);
-                                        QTest::qSleep(20);
-                                    }).split('\n');
-    QCOMPARE(lines.size(), 3);
-    QCOMPARE(lines.at(0), QByteArray("<rescan> =>"));
-    QVERIFY2(lines.at(1).startsWith("<rescan> <= ") && lines.at(1).endsWith("ms"), lines.at(1));
-    QVERIFY(lines.at(1).mid(12).chopped(2).toInt() >= 20);
 }
 
 void tst_LoggingInterface::frameworkMessagesAreFiltered()

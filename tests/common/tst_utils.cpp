@@ -120,6 +120,7 @@ void tst_Utils::defaultsAreTheProtocols_data()
         {"last member query", igmp.lastMemberQueryInterval, 1000},
         {"membership after a leave", igmp.leaveMembershipTimeout, 2000},
         {"invoke timeout", SocketConnection::DefaultInvokeTimeoutMs, 5000},
+        {"heartbeat", SocketAdaptorWithPing::DefaultHeartbeatInterval, 120000},
     };
     for (const auto& row : rows)
         QTest::newRow(row.name) << row.value << row.expected;

@@ -63,7 +63,6 @@ private slots:
     void cleanup();
     void naturalStartIsDiscoveredAndNoHostSilencesIt();
     void nameChangeReachesFilesAvahiAndControlPoints();
-    void stageZeroWithoutSystemServiceIsFatal();
     void databaseDiesMidCallAndComesBackRenamed();
 
 private:
@@ -387,19 +386,6 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
     QVERIFY(daemon.waitForFinished(5000));
     QCOMPARE(daemon.exitStatus(), QProcess::NormalExit);
     QCOMPARE(daemon.exitCode(), 0);
-}
-
-void tst_Daemon::stageZeroWithoutSystemServiceIsFatal()
-{
-    QVERIFY(startBackend(&backend, {"--stages", "--without", "system"}));
-    QVERIFY(startDaemon());
-    QVERIFY(daemon.waitForFinished(5000));
-    QCOMPARE(daemon.exitStatus(), QProcess::CrashExit);
-    QTRY_VERIFY(logged("Cannot connect to service com.zan.ravo.system"));
-    const auto fatal = std::find_if(lines.begin(), lines.end(), [](const SyslogReceiver::Line& line) {
-        return line.text.contains("Cannot connect to service com.zan.ravo.system");
-    });
-    QCOMPARE(fatal->priority, 8 + 2); // user.crit
 }
 
 void tst_Daemon::databaseDiesMidCallAndComesBackRenamed()
