@@ -47,7 +47,8 @@ private slots:
 private:
     // An endpoint of the device for one of its addresses, made in its namespace.
     UpnpInterfaceHandler* endpoint(const QString& interfaceName, const QString& address, const QHostAddress& group);
-    std::unique_ptr<SsdpPeer> peer(const QString& interfaceName, const QHostAddress& group = Ipv4Group);
+    std::unique_ptr<SsdpPeer> peer(const QString& interfaceName, const QHostAddress& group = Ipv4Group,
+                                   const QHostAddress& source = QHostAddress());
     QList<UpnpInterfaceHandler*> advertisers(const QString& name = QString()) const;
     QStringList advertisedAddresses() const;
     void rescan(int times = 1);
@@ -98,11 +99,12 @@ UpnpInterfaceHandler* tst_UpnpCoordinator::endpoint(const QString& interfaceName
     return handler;
 }
 
-std::unique_ptr<SsdpPeer> tst_UpnpCoordinator::peer(const QString& interfaceName, const QHostAddress& group)
+std::unique_ptr<SsdpPeer> tst_UpnpCoordinator::peer(const QString& interfaceName, const QHostAddress& group,
+                                                    const QHostAddress& source)
 {
     if (!namespaces->enter(ControlPoint))
         return nullptr;
-    std::unique_ptr<SsdpPeer> result(new SsdpPeer(interfaceName, group));
+    std::unique_ptr<SsdpPeer> result(new SsdpPeer(interfaceName, group, source));
     namespaces->leave();
     return result->isValid() ? std::move(result) : nullptr;
 }
@@ -223,7 +225,7 @@ void tst_UpnpCoordinator::searchesAreAnsweredPerTargetWithinTheMx()
         QList<QByteArray> targets;
         qint64 span = 1000; // MX 1: every answer within a second
         int times = 1;      // five searches of four targets give twenty independent delays
-        int link = 0;
+        int link = 0;       // 2: the second link, from an address of the first one's subnet
     };
     const QList<Row> rows{
         {"ssdp:all: every target with its own ST", search("ssdp:all"), all, 1000, 5},
@@ -231,6 +233,7 @@ void tst_UpnpCoordinator::searchesAreAnsweredPerTargetWithinTheMx()
         {"non-numeric MX", search("ssdp:all", "MX: soon\r\n"), all, 3000, 5},
         {"MX 0 counts as 1", search("ssdp:all", "MX: 0\r\n"), all, 1000, 5},
         {"on the other link", search("ssdp:all"), all, 1000, 1, 1},
+        {"from the first link's subnet, on the other", search("ssdp:all"), {}, 1000, 1, 2},
         {"root device", search("upnp:rootdevice"), {"upnp:rootdevice"}},
         {"device UUID", search(u), {u}},
         {"device type", search(Type), {Type}},
@@ -243,8 +246,9 @@ void tst_UpnpCoordinator::searchesAreAnsweredPerTargetWithinTheMx()
     };
     // One searcher per row, each on its own port.
     std::vector<std::unique_ptr<SsdpPeer>> peers;
+    QVERIFY(namespaces->addAddress(ControlPoint, "c1", "192.0.2.9/24"));
     for (const Row& row : rows) {
-        peers.push_back(peer(row.link ? "c1" : "c0"));
+        peers.push_back(peer(row.link ? "c1" : "c0", Ipv4Group, QHostAddress(row.link == 2 ? "192.0.2.9" : "")));
         QVERIFY(peers.back());
     }
     for (int i = 0; i < rows.size(); ++i) {
@@ -274,7 +278,7 @@ void tst_UpnpCoordinator::searchesAreAnsweredPerTargetWithinTheMx()
             const QByteArray st = ssdpHeader(answer.datagram.data(), "ST");
             answered << st;
             const QByteArray usn = st == u ? st : u + "::" + st;
-            QCOMPARE(answer.datagram.data(), handlers.at(row.link)->buildSearchReply(st, usn));
+            QCOMPARE(answer.datagram.data(), handlers.at(row.link & 1)->buildSearchReply(st, usn));
             QCOMPARE(answer.datagram.senderPort(), 1900);
             latest = std::max(latest, answer.at);
         }
