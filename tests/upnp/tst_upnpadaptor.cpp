@@ -183,6 +183,7 @@ void tst_UpnpAdaptor::commonMistakesAreNamed()
     QSettings own;
     own.setValue("timing/rescanInterval", "abc");
     own.setValue("timing/avahiRestartPause", "-5");
+    own.setValue("timing/heartbeatInterval", "7200000"); // two hours: over the limit of one
     own.sync();
     StdoutCapture start;
     configure(dir.filePath("no-templates"), dir.path());
@@ -192,9 +193,11 @@ void tst_UpnpAdaptor::commonMistakesAreNamed()
     const QByteArray started = start.take();
     own.setValue("timing/rescanInterval", 10000);
     own.setValue("timing/avahiRestartPause", 0);
+    own.remove("timing/heartbeatInterval");
     const QByteArray file = own.fileName().toUtf8();
     QVERIFY2(started.contains("invalid setting timing/rescanInterval = abc in " + file + " - using 10000"), started);
     QVERIFY2(started.contains("invalid setting timing/avahiRestartPause = -5 in " + file + " - using 2000"), started);
+    QVERIFY2(started.contains("invalid setting timing/heartbeatInterval = 7200000 in " + file + " - using 120000"), started);
     QVERIFY(started.contains("WW upnpadaptor.cpp") && started.contains("templates missing in " + dir.filePath("no-templates").toUtf8()));
     QVERIFY(started.contains("web root " + dir.filePath("no-web-root").toUtf8() + " is not a folder: set data/wwwpath"));
     if (!QFile::exists("/sys/class/net/wlan0"))
