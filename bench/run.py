@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Runs the benchmark suite: the project beside the physical limit and its peers.
 
-bench/run.py [--smoke] [--rounds N] [--output FILE]
+bench/run.py [--smoke] [--rounds N] [--output FILE] [--before DIR]
 
 Needs root (network namespaces, taskset on other processes) and the programs
 that scripts/bench.sh builds in build-bench/. Every area runs in interleaved
@@ -38,6 +38,9 @@ LOCATION = "http://192.0.2.2:80/quarn.upnp"
 # The daemon under test; --daemon replaces it (to compare two builds).
 DAEMON = os.path.join(BUILD, "upnp", "upnp")
 RESPONDERS = (("upnp", DAEMON_UUID), ("minissdpd", MINISSDPD_UUID), ("gssdp", GSSDP_UUID))
+# The RPC and parser benchmarks of an earlier build (--before), run in the same
+# rounds as this build's, so that a tuning is judged by ratios per round.
+BEFORE = None
 
 
 class Suite:
@@ -210,7 +213,10 @@ def rpc(suite, rounds, cpu):
         "qt": suite.spawn(pinned + [BENCH + "/rpcbench", "qtserve", work + "/qt"]),
         "bus": suite.spawn(pinned + ["dbus-daemon", "--session", "--nofork", "--address=" + bus_address]),
     }
-    for name in ("project", "qt"):
+    if BEFORE:
+        os.makedirs(work + "/before")
+        servers["project_before"] = suite.spawn(pinned + [BEFORE + "/rpcbench", "serve", work + "/before"])
+    for name in ("project", "qt") + (("project_before",) if BEFORE else ()):
         if not suite.wait_for_line(servers[name], "ready"):
             raise RuntimeError("the %s server did not start" % name)
     for _ in range(100):
@@ -241,6 +247,14 @@ def rpc(suite, rounds, cpu):
         "raw_call_stream": ([BENCH + "/rawsocket", "stream", work + "/sink", "32", str(seconds),
                              str(signal_count * 4)], ["sink"]),
     }
+    if BEFORE:
+        calls["client_before"] = ([BEFORE + "/rpcbench", "call", work, "com.zan.ravo.cref"], ["cref"])
+        calls["server_before"] = ([BENCH + "/rpcpeer", "call", work + "/before/com.zan.ravo.bench"],
+                                  ["project_before"])
+        streams["signals_before"] = ([BEFORE + "/rpcbench", "signals", work + "/before", str(signal_count), "30"],
+                                     ["project_before"])
+        streams["oneway_before"] = ([BEFORE + "/rpcbench", "oneway", work + "/before", str(signal_count), "30"],
+                                    ["project_before"])
     results = {}
     all_cpus = "0-%d" % (os.cpu_count() - 1)
     for mode in ("pinned", "unpinned"):
@@ -271,12 +285,15 @@ def rpc(suite, rounds, cpu):
 def parser(suite, rounds, cpu):
     counts = ["10000", "100000", "1000000"]
     results = {}
-    for _ in range(rounds):
-        for line in suite.run(["taskset", "-c", str(cpu), BENCH + "/parserbench", "1" if suite.smoke else "3"]
-                              + counts).splitlines():
-            figures = parse(line)
-            key = "%d %s" % (figures["messages"], line.split("delivery=")[1].split()[0])
-            results.setdefault(key, []).append(figures)
+    builds = [("", BENCH)] + ([(" before", BEFORE)] if BEFORE else [])
+    for round_number in range(rounds):
+        # The two builds take turns in going first.
+        for suffix, directory in builds[round_number % len(builds):] + builds[:round_number % len(builds)]:
+            for line in suite.run(["taskset", "-c", str(cpu), directory + "/parserbench",
+                                   "1" if suite.smoke else "3"] + counts).splitlines():
+                figures = parse(line)
+                key = "%d %s%s" % (figures["messages"], line.split("delivery=")[1].split()[0], suffix)
+                results.setdefault(key, []).append(figures)
     return results
 
 
@@ -470,6 +487,34 @@ def profile_ssdp(suite, rate, count):
 
 # --- the table
 
+def compare_builds(area, results):
+    """This build against the one given with --before, from the same rounds: the ratio per round of their rates
+    (and, for the RPC, of each one's rate to the raw ping-pong or stream of that round)."""
+    lines = ["| figure | this build | before | this / before per round |", "|---|---|---|---|"]
+    if area == "rpc":
+        r = results["pinned"]
+        rate = {name: [f["rate"] for f in runs] for name, runs in r.items()}
+        for name, reference, unit in (("client", "raw", "x raw"), ("server", "raw", "x raw"),
+                                      ("signals", "sdbus_signals", "x sd-bus"), ("oneway", "raw_call_stream", "x raw")):
+            lines.append("| %s, one CPU | %s, %s | %s, %s | %s |" % (
+                name, figure(rate[name], "/s", 0), figure(ratios(rate[name], rate[reference]), unit, 2),
+                figure(rate[name + "_before"], "/s", 0),
+                figure(ratios(rate[name + "_before"], rate[reference]), unit, 2),
+                figure(ratios(rate[name], rate[name + "_before"]), "x", 2)))
+            if name in ("client", "server"):
+                lines.append("|   p99/p50 | %s | %s | |" % (
+                    figure([f["p99_us"] / f["p50_us"] for f in r[name] if f["p50_us"]], "x", 2),
+                    figure([f["p99_us"] / f["p50_us"] for f in r[name + "_before"] if f["p50_us"]], "x", 2)))
+    else:
+        for key in sorted((k for k in results if not k.endswith(" before")), key=lambda k: (k.split()[1], int(k.split()[0]))):
+            now, before = results[key], results[key + " before"]
+            lines.append("| parser, %s messages, %s | %s | %s | %s |" % (
+                format(int(key.split()[0]), ","), key.split()[1], figure([f["rate"] / 1e6 for f in now], "M/s", 2),
+                figure([f["rate"] / 1e6 for f in before], "M/s", 2),
+                figure(ratios([f["rate"] for f in now], [f["rate"] for f in before]), "x", 2)))
+    return "\n".join(lines)
+
+
 def figure(values, unit="", digits=1):
     s = stats(values)
     if s is None:
@@ -656,6 +701,9 @@ def main():
                          help="the daemon alone under callgrind, answering COUNT searches at RATE a second")
     parser_.add_argument("--only", choices=("rpc", "parser", "coordinator", "ssdp"),
                          help="one area alone, its figures printed as JSON (for profiling and tuning)")
+    parser_.add_argument("--before", metavar="DIR",
+                         help="with --only rpc or parser: also run rpcbench and parserbench from DIR (an earlier"
+                              " build) in the same rounds, and print this build against it")
     args = parser_.parse_args()
     if os.geteuid() != 0:
         sys.exit("bench/run.py needs root (network namespaces, taskset)")
@@ -663,6 +711,9 @@ def main():
     if args.daemon:
         global DAEMON
         DAEMON = os.path.abspath(args.daemon)
+    if args.before:
+        global BEFORE
+        BEFORE = os.path.abspath(args.before)
     output = args.output or (os.path.join(BUILD, "PERFORMANCE-smoke.md") if args.smoke
                              else os.path.join(ROOT, "docs", "PERFORMANCE.md"))
     if args.render:
@@ -687,7 +738,10 @@ def main():
             cpu = idlest_cpu()
             area = {"rpc": lambda: rpc(suite, rounds, cpu), "parser": lambda: parser(suite, rounds, cpu),
                     "coordinator": lambda: coordinator(suite, rounds), "ssdp": lambda: ssdp(suite, rounds)}
-            print(json.dumps(area[args.only](), indent=1))
+            figures = area[args.only]()
+            print(json.dumps(figures, indent=1))
+            if BEFORE and args.only in ("rpc", "parser"):
+                print(compare_builds(args.only, figures))
         finally:
             suite.cleanup()
         return
