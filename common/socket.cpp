@@ -113,6 +113,11 @@ QByteArray LocalSocket::readAll()
     return socket ? socket->readAll() : QByteArray();
 }
 
+qint64 LocalSocket::read(char* data, qint64 length)
+{
+    return socket ? socket->read(data, length) : -1;
+}
+
 QAbstractSocket::SocketState LocalSocket::state() const
 {
     return socket ? QAbstractSocket::SocketState(socket->state()) : QAbstractSocket::UnconnectedState;
@@ -246,6 +251,11 @@ qint64 TcpSocket::write(const char* data, qint64 length)
 QByteArray TcpSocket::readAll()
 {
     return socket ? socket->readAll() : QByteArray();
+}
+
+qint64 TcpSocket::read(char* data, qint64 length)
+{
+    return socket ? socket->read(data, length) : -1;
 }
 
 QAbstractSocket::SocketState TcpSocket::state() const

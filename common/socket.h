@@ -40,6 +40,8 @@ public slots:
     // The number of bytes taken, or -1 on error.
     virtual qint64 write(const char* data, qint64 length) = 0;
     virtual QByteArray readAll() = 0;
+    // Up to length bytes into data; the number read, or -1 on error.
+    virtual qint64 read(char* data, qint64 length) = 0;
     // QLocalSocket's states have the same numbers as QAbstractSocket's.
     virtual QAbstractSocket::SocketState state() const = 0;
     // Writes as much of the output buffer as the kernel takes now, without
@@ -95,6 +97,7 @@ public:
     qint64 bytesToWrite() const override;
     qint64 write(const char* data, qint64 length) override;
     QByteArray readAll() override;
+    qint64 read(char* data, qint64 length) override;
     QAbstractSocket::SocketState state() const override;
     bool writeBuffered() override;
     void abort() override;
@@ -135,6 +138,7 @@ public:
     qint64 bytesToWrite() const override;
     qint64 write(const char* data, qint64 length) override;
     QByteArray readAll() override;
+    qint64 read(char* data, qint64 length) override;
     QAbstractSocket::SocketState state() const override;
     bool writeBuffered() override;
     void abort() override;

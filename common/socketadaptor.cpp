@@ -178,7 +178,7 @@ void SocketAdaptor::onReadyRead()
 
 void SocketAdaptor::read(SocketConnection* connection)
 {
-    connection->appendReceivedData(connection->getSocket()->readAll());
+    connection->readReceivedData();
     connection->parseReceivedData(SocketConnection::ServerSide, this);
 }
 

@@ -348,6 +348,22 @@ void SocketConnection::appendReceivedData(const QByteArray& bytes)
         receiveBuffer.append(bytes);
 }
 
+void SocketConnection::readReceivedData()
+{
+    // QIODevice::readAll() would read a sequential device in 16 KiB chunks,
+    // growing and shrinking its result around the few bytes of a message.
+    qint64 available = 0;
+    while (!dropped && socket && (available = socket->bytesAvailable()) > 0) {
+        const int size = receiveBuffer.size();
+        const int length = int(qMin<qint64>(available, MaxMessageBytes));
+        receiveBuffer.resize(size + length);
+        const qint64 read = socket->read(receiveBuffer.data() + size, length);
+        receiveBuffer.resize(size + int(qMax<qint64>(read, 0)));
+        if (read <= 0)
+            break;
+    }
+}
+
 QByteArray SocketConnection::unparsedData() const
 {
     return receiveBuffer.mid(readOffset);

@@ -112,6 +112,9 @@ public:
 
     // Appends bytes read from the socket to the receive buffer.
     void appendReceivedData(const QByteArray& bytes);
+    // Reads everything the socket has received straight onto the end of the
+    // receive buffer.
+    void readReceivedData();
     // Parses the receive buffer as far as it goes, as the server or the client
     // reads the stream, and hands every completed message to receiver (may be
     // null). Client-name announcements are taken here. On the server side the

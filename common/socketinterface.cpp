@@ -264,13 +264,10 @@ bool SocketInterface::callWithArgumentListAndCallback(const char* method,
 
 void SocketInterface::onReadyRead()
 {
-    Socket* transport = qobject_cast<Socket*>(sender());
-    if (!transport)
-        transport = getSocket();
-    if (!transport)
+    if (!getSocket())
         return;
     const QPointer<SocketInterface> alive(this);
-    appendReceivedData(transport->readAll());
+    readReceivedData();
     parseReceivedData(ClientSide, this);
     if (alive && !postponedSignals.isEmpty())
         postponedTimer.start(0);
