@@ -3,6 +3,7 @@
 #include "logginginterface.h"
 #include "socket.h"
 
+#include <QVarLengthArray>
 #include <QtEndian>
 
 #include <atomic>
@@ -30,6 +31,17 @@ struct ArraySink
     bool put(const void* bytes, qint64 length)
     {
         array.append(static_cast<const char*>(bytes), int(length));
+        return true;
+    }
+};
+
+// A message being built on the stack: most fit, and none is written field by field.
+struct MessageSink
+{
+    QVarLengthArray<char, 256>& message;
+    bool put(const void* bytes, qint64 length)
+    {
+        message.append(static_cast<const char*>(bytes), int(length));
         return true;
     }
 };
@@ -992,38 +1004,49 @@ bool SocketConnection::writeNestedVariantListValues(bool success, const QVariant
     return putVariantListValues(sink, success, list);
 }
 
+template <typename Build>
+bool SocketConnection::writeMessage(Build build)
+{
+    QVarLengthArray<char, 256> message;
+    MessageSink sink{message};
+    return build(sink) && writeData(message.constData(), message.size());
+}
+
 bool SocketConnection::writeCall(MessageType type, quint16 callQueryId, const char* method,
                                  const QList<const SocketArgument*>& arguments)
 {
-    SocketSink sink{*this};
-    return putHeader(sink, type)
-           && (type != CallWithReturnMessage || putNumber(sink, callQueryId))
-           && putName(sink, method) && putValueList(sink, arguments);
+    return writeMessage([&](MessageSink& sink) {
+        return putHeader(sink, type) && (type != CallWithReturnMessage || putNumber(sink, callQueryId))
+               && putName(sink, method) && putValueList(sink, arguments);
+    });
 }
 
 bool SocketConnection::writeSignal(const char* name, const QList<const SocketArgument*>& arguments)
 {
-    SocketSink sink{*this};
-    return putHeader(sink, SignalMessage) && putName(sink, name) && putValueList(sink, arguments);
+    return writeMessage([&](MessageSink& sink) {
+        return putHeader(sink, SignalMessage) && putName(sink, name) && putValueList(sink, arguments);
+    });
 }
 
 bool SocketConnection::writeReturnValue(quint16 returnQueryId, bool succeeded,
                                         const SocketArgument* value)
 {
-    SocketSink sink{*this};
-    return putReturnValue(sink, returnQueryId, succeeded, value);
+    return writeMessage(
+        [&](MessageSink& sink) { return putReturnValue(sink, returnQueryId, succeeded, value); });
 }
 
 bool SocketConnection::writeSubscription(const QByteArray& signature)
 {
-    SocketSink sink{*this};
-    return putHeader(sink, SubscriptionMessage) && putParameter(sink, SocketArgument(signature));
+    return writeMessage([&](MessageSink& sink) {
+        return putHeader(sink, SubscriptionMessage) && putParameter(sink, SocketArgument(signature));
+    });
 }
 
 bool SocketConnection::writeClientName(const QByteArray& name)
 {
-    SocketSink sink{*this};
-    return putHeader(sink, ClientNameMessage) && putParameter(sink, SocketArgument(name));
+    return writeMessage([&](MessageSink& sink) {
+        return putHeader(sink, ClientNameMessage) && putParameter(sink, SocketArgument(name));
+    });
 }
 
 bool SocketConnection::queueMessage(const QByteArray& message)

@@ -157,8 +157,9 @@ public:
     void setInvokeTimeoutInterval(int ms) { invokeTimeoutInterval = ms; }
     int getInvokeTimeoutInterval() const { return invokeTimeoutInterval; }
 
-    // --- Writing. Every writer writes straight to the socket and returns
-    // false at the first field that fails; the caller then flushes.
+    // --- Writing. The field writers write straight to the socket and return
+    // false at the first field that fails; the message writers build the whole
+    // message and write it at once. The caller then flushes.
 
     // All bytes, waiting for the socket to take them when it takes only a part.
     // False with "socket write error:" when the socket fails.
@@ -267,6 +268,10 @@ private:
     void compactReceiveBuffer();
     template <typename T>
     bool writeNumber(T value);
+    // Writes what build(sink) puts into a sink, in one write; nothing when
+    // build fails.
+    template <typename Build>
+    bool writeMessage(Build build);
 
     QByteArray methodName;
     QByteArray receiveBuffer;
