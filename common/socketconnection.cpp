@@ -1065,6 +1065,12 @@ bool SocketConnection::flush(int ms)
 {
     if (!socket)
         return false;
+    // What the kernel takes at once (a whole message, as a rule) leaves
+    // without a wait; only the rest is waited for.
+    if (socket->bytesToWrite() > 0)
+        socket->writeBuffered();
+    if (!socket)
+        return false;
     qint64 pending = socket->bytesToWrite();
     while (pending > 0) {
         socket->waitForBytesWritten(ms);

@@ -197,8 +197,9 @@ public:
     bool writeSubscription(const QByteArray& signature);
     bool writeClientName(const QByteArray& name);
 
-    // Waits until the socket's outgoing bytes are gone; false when a wait of
-    // up to ms passes without any of them leaving.
+    // Hands the socket's outgoing bytes to the kernel and waits for those it
+    // does not take at once; false when a wait of up to ms passes without
+    // any of them leaving.
     bool flush(int ms);
 
     // A whole message, without waiting (the server's way of writing): what
