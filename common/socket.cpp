@@ -1,5 +1,36 @@
 #include "socket.h"
 
+#include <cerrno>
+#include <sys/socket.h>
+
+namespace {
+
+// A write while the framework's output buffer is empty goes to the descriptor
+// at once: what the kernel takes then is neither buffered nor waited for, and
+// the framework's write notifier is not switched on and off for it. Returns
+// the bytes taken; errors are left for the framework's own write to find.
+qint64 writeDirect(qintptr descriptor, const char* data, qint64 length)
+{
+    if (descriptor < 0)
+        return 0;
+    ssize_t sent = 0;
+    do
+        sent = ::send(int(descriptor), data, size_t(length), MSG_DONTWAIT | MSG_NOSIGNAL);
+    while (sent < 0 && errno == EINTR);
+    return sent > 0 ? sent : 0;
+}
+
+// The rest of a write that writeDirect began, through the framework's buffer.
+template <typename Device>
+qint64 writeRest(Device& device, const char* data, qint64 length, qint64 direct)
+{
+    if (direct == length)
+        return length;
+    const qint64 buffered = device.write(data + direct, length - direct);
+    return buffered < 0 ? (direct > 0 ? direct : -1) : direct + buffered;
+}
+
+} // namespace
 
 Socket::Socket(QObject* parent) : QObject(parent)
 {
@@ -105,7 +136,11 @@ qint64 LocalSocket::bytesToWrite() const
 
 qint64 LocalSocket::write(const char* data, qint64 length)
 {
-    return socket ? socket->write(data, length) : -1;
+    if (!socket)
+        return -1;
+    const bool direct = socket->bytesToWrite() == 0 && socket->isWritable()
+                        && socket->state() == QLocalSocket::ConnectedState;
+    return writeRest(*socket, data, length, direct ? writeDirect(socket->socketDescriptor(), data, length) : 0);
 }
 
 QByteArray LocalSocket::readAll()
@@ -245,7 +280,11 @@ qint64 TcpSocket::bytesToWrite() const
 
 qint64 TcpSocket::write(const char* data, qint64 length)
 {
-    return socket ? socket->write(data, length) : -1;
+    if (!socket)
+        return -1;
+    const bool direct = socket->bytesToWrite() == 0 && socket->isWritable()
+                        && socket->state() == QAbstractSocket::ConnectedState;
+    return writeRest(*socket, data, length, direct ? writeDirect(socket->socketDescriptor(), data, length) : 0);
 }
 
 QByteArray TcpSocket::readAll()
