@@ -307,7 +307,13 @@ void SocketAdaptor::invoke(const SocketCall& call)
         return;
     }
     const QMetaObject* meta = metaObject();
-    const int index = meta->indexOfMethod(call.signature.constData());
+    int index = methodIndexes.value(call.signature, -1);
+    if (index < 0) {
+        index = meta->indexOfMethod(call.signature.constData());
+        // Only methods that exist: the table stays as small as the class.
+        if (index >= 0)
+            methodIndexes.insert(call.signature, index);
+    }
     // Only what the service's own class declares: what it inherits
     // (deleteLater(), startLocalServer() and the like) is not for other processes.
     if (index < meta->methodOffset()) {
@@ -419,7 +425,7 @@ bool SocketAdaptor::isSignalSubscribed(const char* signature) const
 
 void SocketAdaptor::emitSignalWithArgumentList(const char* signature, const QList<const SocketArgument*>& arguments)
 {
-    const QByteArray normalized = QMetaObject::normalizedSignature(signature);
+    const QByteArray normalized = signalSignatures.get(signature);
     // Writing can drop a subscriber (over its limit) or find it gone, and that
     // removes it from the clients while this runs: go over a snapshot, and
     // look each one up again before writing to it.

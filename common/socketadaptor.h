@@ -166,6 +166,9 @@ private:
     QTimer relistenTimer;
     // Reused for every answer: no allocation per call.
     QByteArray outgoing;
+    // The method index of each signature called, found once.
+    QHash<QByteArray, int> methodIndexes;
+    NormalizedSignatures signalSignatures;
 };
 
 // A SocketAdaptor that tells the diagnosis service every two minutes, and

@@ -301,6 +301,18 @@ QString limitText()
 
 } // namespace
 
+QByteArray NormalizedSignatures::get(const char* signature)
+{
+    const auto found = normalized.constFind(QByteArray::fromRawData(signature, int(std::strlen(signature))));
+    if (found != normalized.constEnd())
+        return found.value();
+    if (normalized.size() >= MaxEntries)
+        normalized.clear();
+    const QByteArray result = QMetaObject::normalizedSignature(signature);
+    normalized.insert(QByteArray(signature), result);
+    return result;
+}
+
 SocketMessageReceiver::~SocketMessageReceiver() = default;
 
 void SocketMessageReceiver::callReceived(SocketConnection*, bool)

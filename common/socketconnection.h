@@ -5,12 +5,27 @@
 #include "socketargument.h"
 
 #include <QByteArray>
+#include <QHash>
 #include <QList>
 #include <QObject>
 #include <QPointer>
 #include <QTimer>
 
 class SocketConnection;
+
+// Signatures in the framework's normal form (QMetaObject::normalizedSignature),
+// each text normalised once: a service's signals go out, and come in, under a
+// few texts again and again.
+class NormalizedSignatures
+{
+public:
+    QByteArray get(const char* signature);
+
+private:
+    // A peer that sends ever new names only makes the cache start again.
+    static constexpr int MaxEntries = 64;
+    QHash<QByteArray, QByteArray> normalized;
+};
 
 // What the parser hands out. The RPC server and the RPC client each implement
 // the part they expect; the defaults drop the message.

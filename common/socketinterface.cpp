@@ -374,7 +374,7 @@ void SocketInterface::releaseHeldSignals()
 
 void SocketInterface::emitDynamicSignal(const char* signature, void** argv)
 {
-    const QByteArray normalized = QMetaObject::normalizedSignature(signature);
+    const QByteArray normalized = signalSignatures.get(signature);
     if (!checkSignalWhiteList(normalized))
         return;
     const auto entry = subscriptions.constFind(normalized);

@@ -156,6 +156,7 @@ private:
     QThread* ownerThread;
     bool lastFailed = false;
     SignalObserver signalObserver;
+    NormalizedSignatures signalSignatures;
 };
 
 #endif // SOCKETINTERFACE_H
