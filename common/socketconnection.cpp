@@ -416,6 +416,12 @@ void SocketConnection::parseReceivedData(ParserSide side, SocketMessageReceiver*
         dropOverLimit(oversizeText());
         return;
     }
+    // A call with return that came whole is not timed: the timer starts for
+    // one whose name has come and whose end tag has not, once no more bytes
+    // are there.
+    if (side == ServerSide && messageType == CallWithReturnMessage
+        && (state == StateValueTag || state == StateValueBody) && !invokeTimer->isActive())
+        startInvokeTimeout(invokeTimeoutInterval);
     passStart = outerPassStart;
     if (--parseDepth == 0)
         compactReceiveBuffer();
@@ -564,8 +570,6 @@ SocketConnection::StepOutcome SocketConnection::serverStep(SocketMessageReceiver
         if (getMessageSize() > MaxMessageBytes)
             return dropOverLimit(oversizeText());
         state = StateValueTag;
-        if (messageType == CallWithReturnMessage)
-            startInvokeTimeout(invokeTimeoutInterval);
         return StepContinue;
     case StateValueTag: {
         const int result = parseValueType(data, pos, end);
@@ -827,7 +831,12 @@ bool SocketConnection::parseMethodName(const char* data, int& pos, int end)
         return false;
     }
     const int length = int(static_cast<const char*>(nul) - (data + pos));
-    methodName = QByteArray(data + pos, length);
+    // Calls come under a few names, mostly the one before: that one is shared
+    // rather than copied again.
+    if (length != previousMethodName.size()
+        || std::memcmp(previousMethodName.constData(), data + pos, size_t(length)) != 0)
+        previousMethodName = QByteArray(data + pos, length);
+    methodName = previousMethodName;
     pos += length + 1;
     nameScanned = 0;
     return true;

@@ -133,7 +133,8 @@ public:
     // Parses the receive buffer as far as it goes, as the server or the client
     // reads the stream, and hands every completed message to receiver (may be
     // null). Client-name announcements are taken here. On the server side the
-    // invoke timer runs from the name of a call with return to its end tag.
+    // invoke timer runs for a call with return that has come as far as its name
+    // but not to its end tag, from the end of the pass that read its name.
     // Broken messages are logged and skipped. receiver may destroy this
     // connection only by deleteLater().
     void parseReceivedData(ParserSide side, SocketMessageReceiver* receiver);
@@ -290,6 +291,7 @@ private:
     bool writeMessage(Build build);
 
     QByteArray methodName;
+    QByteArray previousMethodName;
     QByteArray receiveBuffer;
     QByteArray clientName;
     qint32 state = StateSyncWord;
