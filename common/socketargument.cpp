@@ -613,6 +613,22 @@ bool SocketArgument::decodeAlone(quint8 tag, const char* data, int& pos, int end
     return decodeBody(data, pos, end, tag, 0, budget) == ParseDone;
 }
 
+namespace {
+
+bool assignAscii(QString& target, const char* text, int length)
+{
+    for (int i = 0; i < length; ++i)
+        if (uchar(text[i]) >= 0x80)
+            return false;
+    target.resize(length);
+    QChar* out = target.data();
+    for (int i = 0; i < length; ++i)
+        out[i] = QLatin1Char(text[i]);
+    return true;
+}
+
+} // namespace
+
 bool SocketArgument::parse16BitString(const char* data, int& pos, int end)
 {
     if (!bytesAvailable(pos, 4, end))
@@ -620,7 +636,11 @@ bool SocketArgument::parse16BitString(const char* data, int& pos, int end)
     const quint32 length = readLittleEndian<quint32>(data, pos);
     if (!bytesAvailable(pos, 4 + qint64(length), end))
         return false;
-    store(TypeString16, QString::fromUtf8(data + pos + 4, int(length)));
+    // An ASCII text goes into the text held before: no allocation while
+    // nobody else shares it. Anything else is UTF-8's.
+    const char* text = data + pos + 4;
+    if (type != TypeString16 || length == 0 || !assignAscii(held<QString>(), text, int(length)))
+        store(TypeString16, QString::fromUtf8(text, int(length)));
     pos += 4 + int(length);
     return true;
 }

@@ -105,12 +105,18 @@ public:
     SocketArgument& operator=(SocketArgument&& other) noexcept;
     ~SocketArgument();
 
+    // Texts up to this many characters may stay in a parser's value slots.
+    static constexpr int ShortTextCapacity = 32;
+
     eType getType() const { return type; }
     bool isValid() const { return type != TypeInvalid; }
 
     // Destroys the held value and makes the argument invalid; the buffer stays
     // for the next value.
     void clear();
+    // A QString whose storage holds at most ShortTextCapacity characters: the
+    // next text decoded into this argument reuses it.
+    bool isShortText() const { return type == TypeString16 && held<QString>().capacity() <= ShortTextCapacity; }
     // Replaces the value by an empty one of this kind: an empty string, byte
     // array, list or map, or an invalid InternalId. Numbers and bools keep the
     // bytes that the buffer holds. TypeVariantList and TypePromise are NOT

@@ -288,6 +288,16 @@ bool putReturnValue(Sink& sink, quint16 queryId, bool success, const SocketArgum
     return value ? putParameter(sink, *value) : putTag(sink, SocketArgument::TypeInvalid);
 }
 
+// A text (tags 1 and 2) whose length and bytes have all come, within what the
+// message may still take: the scanner would find it complete at once.
+bool isWholeText(quint8 tag, const char* body, int available, qint64 maxBytes)
+{
+    if ((tag != SocketArgument::TypeString16 && tag != SocketArgument::TypeString8) || available < 4)
+        return false;
+    const qint64 size = 4 + qint64(qFromLittleEndian<quint32>(body));
+    return size <= available && size <= maxBytes;
+}
+
 // Why a peer is dropped, for its log line.
 QString oversizeText()
 {
@@ -849,7 +859,7 @@ int SocketConnection::parseValueType(const char* data, int& pos, int end)
 
 int SocketConnection::parseNextValue(const char* data, int& pos, int end)
 {
-    if (SocketValueScanner::isNeededFor(valueTag)) {
+    if (SocketValueScanner::isNeededFor(valueTag) && !isWholeText(valueTag, data + pos, end - pos, bodyLimit(pos))) {
         // Strings and containers are decoded once they are complete; until
         // then the scanner walks each new byte once, and stops a declared
         // length or count over the limits as soon as it arrives.
@@ -872,8 +882,10 @@ int SocketConnection::parseNextValue(const char* data, int& pos, int end)
 
 void SocketConnection::resetParser()
 {
+    // A short text stays, for the next message's text to be decoded into.
     for (int i = 0; i < parsedValueCount; ++i)
-        parsedValues[i].clear();
+        if (!parsedValues[i].isShortText())
+            parsedValues[i].clear();
     parsedValueCount = 0;
     state = StateSyncWord;
     invokeTimer->stop();
