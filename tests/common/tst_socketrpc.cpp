@@ -9,7 +9,6 @@
 
 #include <QLocalSocket>
 #include <QProcess>
-#include <QSettings>
 #include <QtTest>
 
 #include <fcntl.h>
@@ -21,15 +20,13 @@ namespace {
 const char* const Service = "com.zan.ravo.testserver";
 constexpr SocketInterface::CallMode WithReturn = SocketInterface::CallWithReturn;
 
-// A service in this process that records the pings and signals it gets, and
-// sends its own heartbeat.
+// A service in this process that records the pings and signals it gets.
 class Module : public SocketAdaptorWithPing
 {
     Q_OBJECT
 
 public:
-    explicit Module(const char* name, int heartbeat = 120000) : SocketAdaptorWithPing(nullptr, heartbeat), name(name) {}
-    void setStage(int stage) { runStage = stage; }
+    explicit Module(const char* name) : SocketAdaptorWithPing(nullptr), name(name) {}
     QStringList pings, texts;
 
 public slots:
@@ -57,7 +54,6 @@ private slots:
     void clientsAreServedInTurn();
     void signalsReachSubscribersOutsideBlockingWaits();
     void subscribersThatLeaveOrStopReadingAreDropped();
-    void heartbeatReportsTheRunStage();
     void theListenerCapsClientsAndComesBackAfterAFailure();
     void twoHundredClientsMakeAThousandCallsEach();
     void rpccallCallsAndListens();
@@ -274,22 +270,6 @@ void tst_SocketRpc::subscribersThatLeaveOrStopReadingAreDropped()
     const QByteArray out = capture.take();
     QVERIFY(!service.isSignalSubscribed("big(QByteArray)"));
     QCOMPARE(out.count("for more than 8388608 bytes unread"), 4);
-}
-
-void tst_SocketRpc::heartbeatReportsTheRunStage()
-{
-    // The heartbeat finds the diagnosis service through the database settings.
-    QSettings("quarn", "database").setValue("socketDir", dir.path());
-    QSettings("quarn", "database").setValue("socketType", tcp ? "tcp" : "local");
-    StdoutCapture capture;
-    Module pinger("com.zan.ravo.pinger", 200), diagnosis("com.zan.ravo.diagnosis");
-    QTest::qWait(300); // nobody to ping yet
-    QVERIFY(listen(diagnosis));
-    QTRY_COMPARE(diagnosis.pings.value(0), QString("com.zan.ravo.pinger 255"));
-    pinger.setStage(2);
-    pinger.sendHeartbeat();
-    QTRY_COMPARE(diagnosis.pings.last(), QString("com.zan.ravo.pinger 2"));
-    QVERIFY(capture.take().contains("Failed to connect to diagnosis, retrying with heartbeat"));
 }
 
 void tst_SocketRpc::theListenerCapsClientsAndComesBackAfterAFailure()

@@ -70,7 +70,6 @@ private:
     bool startDaemon();
     QVariant control(const char* method, const SocketArgument& a1 = SocketArgument(),
                      const SocketArgument& a2 = SocketArgument());
-    bool logged(const QByteArray& text) const;
     QByteArray file(const QString& name) const;
     quint32 configIdOfDescription() const;
     QByteArray runInCp(const QStringList& command);
@@ -178,13 +177,6 @@ QVariant tst_Daemon::control(const char* method, const SocketArgument& a1, const
 {
     SocketInterface simbackend(SocketConnection::LocalSocketType, "com.zan.ravo.simbackend", dir->filePath("sockets"));
     return simbackend.call(SocketInterface::CallWithReturn, method, a1, a2).toQVariant();
-}
-
-bool tst_Daemon::logged(const QByteArray& text) const
-{
-    return std::any_of(lines.begin(), lines.end(), [&text](const SyslogReceiver::Line& line) {
-        return line.text.contains(text);
-    });
 }
 
 QByteArray tst_Daemon::file(const QString& name) const
@@ -328,8 +320,6 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
     QTRY_VERIFY_WITH_TIMEOUT(file("systemctl.log").contains("done"), 5000);
     control("setConfigValue", QString("generic/name"), QString("A&B <x>"));
     QTRY_VERIFY_WITH_TIMEOUT(file("files/quarn.upnp").contains("Orvella: A&amp;B &amp;lt;x&amp;gt;"), 5000);
-    QTRY_VERIFY_WITH_TIMEOUT(file("files/tessaline-quarn.service").contains("<name>Orvella: A&amp;B &amp;lt;x&amp;gt;</name>"),
-                             5000);
     const quint32 secondId = configIdOfDescription();
     QVERIFY(secondId != firstId && secondId < 16777216);
     QTRY_COMPARE_WITH_TIMEOUT(file("systemctl.log").count("restart"), 2, 5000);
@@ -414,7 +404,11 @@ void tst_Daemon::databaseDiesMidCallAndComesBackRenamed()
 
     // The call returns at once, and the cached values serve: the device
     // advertises under its name while stage 3 waits for a database.
-    QTRY_VERIFY_WITH_TIMEOUT(logged("getConfigValue call for key network/igmpquerier failed"), 2000);
+    QTRY_VERIFY_WITH_TIMEOUT(std::any_of(lines.begin(), lines.end(),
+                                         [](const SyslogReceiver::Line& line) {
+                                             return line.text.contains("getConfigValue call for key network/igmpquerier failed");
+                                         }),
+                             2000);
     QTRY_VERIFY_WITH_TIMEOUT(controlPoint.notifiesWith("ssdp:alive").size() >= 3, 5000);
     QVERIFY(file("files/quarn.upnp").contains("Orvella: Living room"));
     QTRY_VERIFY(backendOut.contains("supervisor: stage 2 done"));
@@ -436,12 +430,17 @@ void tst_Daemon::databaseDiesMidCallAndComesBackRenamed()
     QVERIFY(startBackend(&database, onlyDatabase + QStringList{dir->filePath("third.txt")}));
     QTRY_VERIFY_WITH_TIMEOUT(file("files/quarn.upnp").contains("Orvella: Cellar"), 20000);
 
-    // The diagnosis service comes late: the next heartbeat reaches it.
+    // The diagnosis service comes late, and is restarted: the next heartbeat
+    // reaches it each time.
     QProcess diagnosis;
-    QVERIFY(startBackend(&diagnosis, {"--without", "database", "--without", "system", "--without", "control"}));
-    QByteArray pings;
-    QTRY_VERIFY_WITH_TIMEOUT((pings += diagnosis.readAllStandardOutput()).contains("diagnosis: ping com.zan.ravo.upnp 3"),
-                             3000);
+    for (int start = 0; start < 2; ++start) {
+        diagnosis.kill();
+        diagnosis.waitForFinished();
+        QVERIFY(startBackend(&diagnosis, {"--without", "database", "--without", "system", "--without", "control"}));
+        QByteArray pings;
+        QTRY_VERIFY_WITH_TIMEOUT((pings += diagnosis.readAllStandardOutput()).contains("diagnosis: ping com.zan.ravo.upnp 3"),
+                                 3000);
+    }
 
     // It goes again; stage 3 waits again, and quit ends that wait at once.
     database.kill();
