@@ -324,7 +324,7 @@ void SocketInterface::onPostponedTimeout()
                 holdSignal(entry.first, entry.second);
             continue;
         }
-        if (signalObserver && checkSignalWhiteList(entry.first)) {
+        if (signalObserver) {
             signalObserver(entry.first, entry.second);
             if (!alive)
                 return;
