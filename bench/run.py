@@ -332,6 +332,20 @@ def register_with_minissdpd(path, server):
             connection.sendall(request)
 
 
+def unread(process):
+    """What a process has written and no one has read yet."""
+    os.set_blocking(process.stdout.fileno(), False)
+    try:
+        return os.read(process.stdout.fileno(), 1 << 20).decode(errors="replace")
+    except BlockingIOError:
+        return ""
+
+
+def tail(path, size=6000):
+    with open(path, errors="replace") as text:
+        return text.read()[-size:]
+
+
 def rescan_interval(suite):
     """The daemon's rescan interval in ms: its default, shortened for a brief run."""
     return 1000 if suite.smoke else 10000
@@ -404,7 +418,9 @@ def start_ssdp(suite, peers=True, wrapper=(), rescan=None):
                        "--count", "1000", "--quiet-ms", "100", "--max-seconds", str(3 * rescan / 1000 + 30),
                        "--until-answered"] + responders)
     if "answers=0 " in probe:
-        raise RuntimeError("not every responder answered:\n" + probe)
+        raise RuntimeError("not every responder answered:\n%s\nthe daemon %s\nthe backend said:\n%s\nthe log:\n%s"
+                           % (probe, "runs" if daemon.poll() is None else "ended with %s" % daemon.returncode,
+                              unread(backend), tail(work + "/syslog.txt")))
     time.sleep(2)  # late answers of the probe
     return pids, search
 
