@@ -19,7 +19,7 @@ private slots:
     void valuesHaveTheirWireForm();
     void oddInputs_data();
     void oddInputs();
-    void stringMapSpellingsAndNoWidening();
+    void nothingWidensOrNarrows();
 };
 
 namespace {
@@ -66,7 +66,6 @@ void tst_SocketArgument::valuesHaveTheirWireForm_data()
     row("QStringList", QStringList{"a", "bc"}, hex("0d 02000000 01000000 61 02000000 6263"));
     row("InternalId: ten bytes", InternalId{InternalId::ChannelParameter, 0x1234, 0x89abcdef, 0x0102, 7},
         hex("0e 04 3412 efcdab89 0201 07"));
-    row("double 1.0", 1.0, hex("0f 00000000 0000 1800"));
     row("double -2.5", -2.5, hex("0f 00000000 0000 2a80"));
     row("double 0.0", 0.0, hex("0f 00000000 0000 0000"));
     row("double 1 + 2^-52: the 53rd bit is dropped", 1.0 + std::ldexp(1.0, -52), hex("0f 00000000 0000 1800"));
@@ -92,12 +91,14 @@ void tst_SocketArgument::valuesHaveTheirWireForm()
     QFETCH(QByteArray, bytes);
     QCOMPARE(encodedValues({argument}).toHex(' '), bytes.toHex(' '));
     const quint8 tag = quint8(bytes.at(0));
-    // The type text prepares an argument of the same kind, but for the string
-    // map, which setTypeFromString knows only with a blank.
+    // The type text prepares an argument of the same kind. The string map is
+    // spelled three ways: "QMap<QString,QString>" as its type text, with a
+    // blank for setTypeFromString and in angle brackets for invoking slots.
     SocketArgument fromText(7);
-    fromText.setTypeFromString(argument.getTypeString());
-    const bool unknown = tag == SocketArgument::TypeStringMap || tag == SocketArgument::TypePromise;
-    QCOMPARE(int(fromText.getType()), unknown ? 0 : tag);
+    fromText.setTypeFromString(QByteArray(argument.getTypeString()).replace(",", ", "));
+    QCOMPARE(int(fromText.getType()), tag == SocketArgument::TypePromise ? 0 : tag);
+    if (tag == SocketArgument::TypeStringMap)
+        QCOMPARE(QByteArray(argument.toQGenericArgument().name()), QByteArray("<QMap<QString, QString>>"));
     // Readers refuse these three; see oddInputs.
     if (tag == SocketArgument::TypeInvalid || tag == SocketArgument::TypeInt16 || tag == SocketArgument::TypePromise)
         return;
@@ -175,17 +176,9 @@ void tst_SocketArgument::oddInputs()
 
 }
 
-void tst_SocketArgument::stringMapSpellingsAndNoWidening()
+void tst_SocketArgument::nothingWidensOrNarrows()
 {
-    // Three spellings of the string map, kept exactly.
-    const SocketArgument map(QMap<QString, QString>{{"k", "v"}});
-    QCOMPARE(QByteArray(map.getTypeString()), QByteArray("QMap<QString,QString>"));
-    QCOMPARE(QByteArray(map.toQGenericArgument().name()), QByteArray("<QMap<QString, QString>>"));
-    SocketArgument fromText;
-    fromText.setTypeFromString("QMap<QString, QString>");
-    QCOMPARE(fromText.getType(), SocketArgument::TypeStringMap);
-
-    // Nothing widens or narrows: an int32 asked for as a uint32 is the default.
+    // An int32 asked for as a uint32 is the default.
     const QByteArray out = captureStdout([] { QCOMPARE(SocketArgument(5).toUInt32(), 0u); });
     QVERIFY2(out.endsWith("type is not uint32 - returning default value type= 5\n"), out);
 }

@@ -77,19 +77,10 @@ void tst_SocketConnection::writersAndTransportsCarryTheWireLayout()
         QTRY_VERIFY((received += pair.peer->readAll()).size() >= expected.size());
         QCOMPARE(received.toHex(' '), expected.toHex(' '));
 
-        // Nobody reads: once the kernel's buffers are full nothing leaves. A
-        // queued message waits in the output buffer; nothing waits for it.
-        const QByteArray block(1 << 20, 'x');
-        for (int i = 0; i < 48; ++i)
-            QVERIFY(w.writeData(block.constData(), block.size()));
-        QVERIFY(!w.flush(200));
-        QElapsedTimer timer;
-        timer.start();
-        QVERIFY(w.queueMessage(block) && timer.elapsed() < 100 && w.pendingOutput() > 40 << 20);
         // Aborted, it leaves at once; its peer is told once, by the framework's name.
         QSignalSpy gone(pair.peer.get(), &Socket::disconnected), errors(pair.peer.get(), &Socket::error);
         w.getSocket()->abort();
-        QVERIFY(gone.wait(5000) && !w.queueMessage(block));
+        QVERIFY(gone.wait(5000) && !w.queueMessage("x"));
         QCOMPARE(errors.count(), 1);
         QCOMPARE(pair.peer->getLastErrorText(), tcp ? "RemoteHostClosedError" : "PeerClosedError");
     }

@@ -23,8 +23,7 @@ private slots:
 
 void tst_Utils::escapeXmlKeepsTheDoubleEscaping()
 {
-    const char* const rows[][2] = {{"Living room", "Living room"},
-                                   {"A&B", "A&amp;B"},
+    const char* const rows[][2] = {{"A&B", "A&amp;B"},
                                    {"<x>", "&amp;lt;x&amp;gt;"}, // angle brackets escaped twice
                                    {"it's \"on\"", "it&apos;s &quot;on&quot;"},
                                    {"&amp;", "&amp;amp;"}};
@@ -36,23 +35,15 @@ void tst_Utils::spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked()
 {
     initLogging(false, false, false, true);
     SpinLock lock("call lock");
-    StdoutCapture capture;
-    QByteArray holder;
-    bool lockedWhileNested = false;
-    {
+    bool heldAfterInner = false;
+    const QByteArray out = captureStdout([&] {
         SpinLocker outer(lock, "call: getConfigValue(QString)");
-        holder = lock.holder();
-        SpinLocker inner(lock, "call: setConfigValue(QString,QString,bool)");
-        lockedWhileNested = lock.isLocked();
-    }
-    const bool releasedAfterBoth = !lock.isLocked();
-    lock.unlock();
-    const QByteArray out = capture.take();
-    QCOMPARE(holder, QByteArray("call: getConfigValue(QString)"));
-    QVERIFY(lockedWhileNested && releasedAfterBoth);
+        { SpinLocker inner(lock, "call: setConfigValue(QString,QString,bool)"); }
+        heldAfterInner = lock.isLocked(); // the outer holder's work is still guarded
+    });
+    QVERIFY(heldAfterInner && !lock.isLocked());
     QVERIFY2(out.contains("spin lock call lock taken again by call: setConfigValue(QString,QString,bool) "
-                          "while held by call: getConfigValue(QString)")
-                 && out.contains("spin lock call lock released while not held"),
+                          "while held by call: getConfigValue(QString)"),
              out);
 }
 
@@ -71,7 +62,6 @@ void tst_Utils::deviceUuidComesFromTheWlanMac()
     QFETCH(QString, mac);
     QFETCH(QString, uuid);
     QCOMPARE(CUpnpAdaptor::makeDeviceUuid(mac).toString(QUuid::WithoutBraces), uuid);
-    QCOMPARE(CUpnpAdaptor::makeDeviceUuid(mac), CUpnpAdaptor::makeDeviceUuid(mac));
 
     initLogging(false, false, false, true);
     StdoutCapture capture;

@@ -12,7 +12,6 @@
 #include "syslogreceiver.h"
 
 #include <QCryptographicHash>
-#include <QLocalSocket>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTcpSocket>
@@ -208,14 +207,14 @@ void tst_Daemon::naturalStartIsDiscoveredAndNoHostSilencesIt()
     // route: only the daemon's own rule keeps answers on the link.
     QVERIFY(namespaces->addAddress(Cp, "cp0", "203.0.113.5/24")
             && namespaces->run(Dev, {"ip", "route", "add", "default", "via", "192.0.2.3"}) && namespaces->enter(Cp));
-    SsdpPeer onCp0("cp0", SsdpGroup), onCp1("cp1", SsdpGroup), flooder("cp0", SsdpGroup), zeroMx("cp0", SsdpGroup),
-        searcher("cp0", SsdpGroup), offLink("cp0", SsdpGroup, QHostAddress("203.0.113.5"));
+    SsdpPeer onCp0("cp0", SsdpGroup), onCp1("cp1", SsdpGroup), flooder("cp0", SsdpGroup), searcher("cp0", SsdpGroup),
+        offLink("cp0", SsdpGroup, QHostAddress("203.0.113.5"));
     SsdpPeer ipv6Cp0("cp0", QHostAddress("ff02::c")), ipv6Cp1("cp1", QHostAddress("ff02::c"));
     QVERIFY(namespaces->leave());
     QProcess tcpdump;
     tcpdump.start("ip", {"netns", "exec", namespaces->fullName(Cp), "tcpdump", "-i", "cp0", "-n", "-l", "igmp"});
     QVERIFY(tcpdump.waitForStarted());
-    for (const SsdpPeer* peer : {&onCp0, &onCp1, &flooder, &zeroMx, &searcher, &offLink, &ipv6Cp0, &ipv6Cp1})
+    for (const SsdpPeer* peer : {&onCp0, &onCp1, &flooder, &searcher, &offLink, &ipv6Cp0, &ipv6Cp1})
         QVERIFY(peer->isValid());
 
     QVERIFY(startBackend(&backend, NaturalStart));
@@ -241,15 +240,13 @@ void tst_Daemon::naturalStartIsDiscoveredAndNoHostSilencesIt()
     QVERIFY(!file("systemctl.log").contains("done"));
 
     // A flood of 10,000 searches a second, for a second, gets all its answers,
-    // and so does a searcher that behaves meanwhile; MX 0 counts as MX 1.
+    // and so does a searcher that behaves meanwhile.
     QElapsedTimer flood;
     flood.start();
     for (int i = 0; i < 10000 && flood.elapsed() < 3000; ++i) {
         flooder.send(ssdpSearch("ssdp:all"));
         if (i % 1000 == 0)
             searcher.send(ssdpSearch("ssdp:all", "3"));
-        if (i < 400)
-            zeroMx.send(ssdpSearch("ssdp:all", "0"));
         while (flood.elapsed() * 10 < i)
             QCoreApplication::processEvents();
     }
@@ -257,8 +254,6 @@ void tst_Daemon::naturalStartIsDiscoveredAndNoHostSilencesIt()
 
     QTRY_COMPARE_WITH_TIMEOUT(flooder.answers.size(), 30000, 8000);
     QTRY_COMPARE_WITH_TIMEOUT(searcher.answers.size(), 3 + 30, 4000);
-    QTRY_COMPARE_WITH_TIMEOUT(zeroMx.answers.size(), 1200, 2000);
-    QCOMPARE(zeroMx.answers.last().at - zeroMx.answers.first().at < 2500, true);
     // Nothing is reflected to a source outside the link.
     QVERIFY(offLink.answers.isEmpty());
 
@@ -282,16 +277,9 @@ void tst_Daemon::naturalStartIsDiscoveredAndNoHostSilencesIt()
     tcpdump.kill();
     tcpdump.waitForFinished();
 
-    // SIGINT in the middle of a burst of searches and RPC calls: byebye on
-    // both links, status 0.
-    QLocalSocket rpc;
-    rpc.connectToServer(dir->filePath("sockets/com.zan.ravo.upnp"));
-    QVERIFY(rpc.waitForConnected(2000));
-    const QByteArray statisticsCall = QByteArray::fromHex("45bfd7a301") + "exportProfilerStatistics"
-                                      + QByteArray::fromHex("00050100000000");
+    // SIGINT in the middle of a burst of searches: byebye on both links, status 0.
     for (int i = 0; i < 200; ++i) {
         flooder.send(ssdpSearch("ssdp:all"));
-        rpc.write(statisticsCall);
         if (i == 100)
             ::kill(pid_t(daemon.processId()), SIGINT);
     }
@@ -310,11 +298,6 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
     QVERIFY(startDaemon());
     QTRY_VERIFY_WITH_TIMEOUT(controlPoint.notifiesWith("ssdp:alive").size() >= 3, 5000);
     const quint32 firstId = configIdOfDescription();
-
-    // GSSDP finds the root device.
-    QByteArray found = runInCp({"/usr/bin/python3", SOURCE_DIR "/tools/ssdp-browse", "--interface", "cp0", "--target",
-                                "upnp:rootdevice", "--seconds", "3"});
-    QVERIFY2(found.contains("available uuid:" + Udn + "::upnp:rootdevice http://192.0.2.2:80/quarn.upnp\n"), found);
 
     // The name changes: new files, a new config id, ssdp:update.
     QTRY_VERIFY_WITH_TIMEOUT(file("systemctl.log").contains("done"), 5000);
@@ -336,7 +319,7 @@ void tst_Daemon::nameChangeReachesFilesAvahiAndControlPoints()
     QTcpSocket web;
     QTRY_VERIFY((web.abort(), web.connectToHost("192.0.2.2", 80), web.waitForConnected(100)));
     QVERIFY(namespaces->leave());
-    found = runInCp({"/usr/bin/python3", SOURCE_DIR "/tools/upnp-describe", "--interface", "cp0", "--seconds", "4"});
+    const QByteArray found = runInCp({"/usr/bin/python3", SOURCE_DIR "/tools/upnp-describe", "--interface", "cp0", "--seconds", "4"});
     QVERIFY2(found.contains("device uuid:" + Udn + " http://192.0.2.2:80/quarn.upnp friendlyName=Orvella: A&B &lt;x&gt; "
                             "manufacturer=Tessaline modelName=Quarn serialNumber=SN-0815"),
              found);

@@ -25,9 +25,8 @@ class tst_SsdpMessage : public QObject
     Q_OBJECT
 
 private slots:
-    void notifyCarriesEveryHeaderInOrder_data();
-    void notifyCarriesEveryHeaderInOrder();
-    void searchReplyNamesItsOwnTarget();
+    void textsCarryEveryHeaderInOrder_data();
+    void textsCarryEveryHeaderInOrder();
     void parserAcceptsAndDrops_data();
     void parserAcceptsAndDrops();
     void responseSpanFollowsMx();
@@ -35,7 +34,7 @@ private slots:
     void aFlooderLosesItsOwnAnswersNeverANewcomers();
 };
 
-void tst_SsdpMessage::notifyCarriesEveryHeaderInOrder_data()
+void tst_SsdpMessage::textsCarryEveryHeaderInOrder_data()
 {
     QTest::addColumn<QByteArray>("message");
     QTest::addColumn<QByteArray>("expected");
@@ -57,54 +56,40 @@ void tst_SsdpMessage::notifyCarriesEveryHeaderInOrder_data()
                       "CONFIGID.UPNP.ORG: 42\r\n"
                       "\r\n");
 
+    // Other groups and kinds: only the lines that differ.
     QHostAddress linkLocal("ff02::c");
     linkLocal.setScopeId("eth0");
+    const QByteArray byebye = Ssdp::notifyMessage(Ssdp::hostText(linkLocal), "L", "uuid:abc", "ssdp:byebye", "S",
+                                                  "uuid:abc", 7, 0);
     QTest::newRow("byebye, IPv6 link-local group with scope")
-        << Ssdp::notifyMessage(Ssdp::hostText(linkLocal), "http://[fe80::1]:80/quarn.upnp",
-                               "urn:tessaline:device:Quarn:1", "ssdp:byebye", "Linux/6.1.0, UPnP/2.0, Pellinor/3.5.3",
-                               "uuid:abc::urn:tessaline:device:Quarn:1", 7, 0)
-        << QByteArray("NOTIFY * HTTP/1.1\r\n"
-                      "HOST: [ff02::c]:1900\r\n"
-                      "CACHE-CONTROL: max-age=1800\r\n"
-                      "LOCATION: http://[fe80::1]:80/quarn.upnp\r\n"
-                      "NT: urn:tessaline:device:Quarn:1\r\n"
-                      "NTS: ssdp:byebye\r\n"
-                      "SERVER: Linux/6.1.0, UPnP/2.0, Pellinor/3.5.3\r\n"
-                      "USN: uuid:abc::urn:tessaline:device:Quarn:1\r\n"
-                      "BOOTID.UPNP.ORG: 7\r\n"
-                      "CONFIGID.UPNP.ORG: 0\r\n"
-                      "\r\n");
-
-    // Another group and kind: only the lines that differ.
+        << byebye.mid(byebye.indexOf("HOST"), 22) + byebye.mid(byebye.indexOf("NTS"), 18)
+        << QByteArray("HOST: [ff02::c]:1900\r\nNTS: ssdp:byebye\r\n");
     const QByteArray update = Ssdp::notifyMessage(Ssdp::hostText(QHostAddress("ff05::c")), "L", "uuid:abc", "ssdp:update",
                                                   "S", "uuid:abc", 4294967295u, 0xFFFFFFFF);
     QTest::newRow("update, site-local group, config id not yet set")
         << update.mid(update.indexOf("HOST"), 22) + update.mid(update.indexOf("BOOTID"))
         << QByteArray("HOST: [ff05::c]:1900\r\nBOOTID.UPNP.ORG: 4294967295\r\nCONFIGID.UPNP.ORG: 4294967295\r\n\r\n");
+
+    QTest::newRow("search reply, with its own target")
+        << Ssdp::searchReply("http://192.0.2.5:80/quarn.upnp", "Linux/5.10.0, UPnP/2.0, Pellinor/3.5.3",
+                             "urn:tessaline:device:Quarn:1", "uuid:abc::urn:tessaline:device:Quarn:1", 3, 0xFFFFFFFF)
+        << QByteArray("HTTP/1.1 200 OK\r\n"
+                      "CACHE-CONTROL: max-age=1800\r\n"
+                      "EXT:\r\n"
+                      "LOCATION: http://192.0.2.5:80/quarn.upnp\r\n"
+                      "SERVER: Linux/5.10.0, UPnP/2.0, Pellinor/3.5.3\r\n"
+                      "ST: urn:tessaline:device:Quarn:1\r\n"
+                      "USN: uuid:abc::urn:tessaline:device:Quarn:1\r\n"
+                      "BOOTID.UPNP.ORG: 3\r\n"
+                      "CONFIGID.UPNP.ORG: 4294967295\r\n"
+                      "\r\n");
 }
 
-void tst_SsdpMessage::notifyCarriesEveryHeaderInOrder()
+void tst_SsdpMessage::textsCarryEveryHeaderInOrder()
 {
     QFETCH(QByteArray, message);
     QFETCH(QByteArray, expected);
     QCOMPARE(message, expected);
-}
-
-void tst_SsdpMessage::searchReplyNamesItsOwnTarget()
-{
-    QCOMPARE(Ssdp::searchReply("http://192.0.2.5:80/quarn.upnp", "Linux/5.10.0, UPnP/2.0, Pellinor/3.5.3",
-                               "urn:tessaline:device:Quarn:1", "uuid:abc::urn:tessaline:device:Quarn:1", 3,
-                               0xFFFFFFFF),
-             QByteArray("HTTP/1.1 200 OK\r\n"
-                        "CACHE-CONTROL: max-age=1800\r\n"
-                        "EXT:\r\n"
-                        "LOCATION: http://192.0.2.5:80/quarn.upnp\r\n"
-                        "SERVER: Linux/5.10.0, UPnP/2.0, Pellinor/3.5.3\r\n"
-                        "ST: urn:tessaline:device:Quarn:1\r\n"
-                        "USN: uuid:abc::urn:tessaline:device:Quarn:1\r\n"
-                        "BOOTID.UPNP.ORG: 3\r\n"
-                        "CONFIGID.UPNP.ORG: 4294967295\r\n"
-                        "\r\n"));
 }
 
 void tst_SsdpMessage::parserAcceptsAndDrops_data()
@@ -154,8 +139,6 @@ void tst_SsdpMessage::parserAcceptsAndDrops_data()
     drop("header without colon", search + "MX 1\r\nST: ssdp:all\r\n\r\n");
     drop("colon first", search + ": ssdp:all\r\n\r\n");
     drop("blank before the colon", search + "ST : ssdp:all\r\n\r\n");
-    drop("tab before the colon", search + "ST\t: ssdp:all\r\n\r\n");
-    drop("colon only on the next line", search + "ST\r\nMX: 1\r\n\r\n");
     drop("empty", QByteArray());
     drop("binary garbage", QByteArray("\x00\xff\r\n\x01:\x02\r\n", 8));
 }
