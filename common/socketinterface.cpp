@@ -314,6 +314,20 @@ void SocketInterface::emitDynamicSignalLater()
     postponedSignals.append({getSignature(), values});
 }
 
+void SocketInterface::deliverArrivedSignals()
+{
+    checkThread("deliverArrivedSignals", "");
+    // A zero wait reads what the kernel holds, through onReadyRead; a peer
+    // that goes on sending is not followed for long.
+    const QPointer<SocketInterface> alive(this);
+    for (int reads = 0; alive && getSocket() && reads < 16 && getSocket()->waitForReadyRead(0); ++reads) {
+    }
+    if (!alive)
+        return;
+    postponedTimer.stop();
+    onPostponedTimeout();
+}
+
 void SocketInterface::onPostponedTimeout()
 {
     const QPointer<SocketInterface> alive(this);

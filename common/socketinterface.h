@@ -93,6 +93,10 @@ public:
     using SignalObserver = std::function<void(const QByteArray& signature, const QVector<SocketArgument>& values)>;
     // Called with every signal that passes the white list, before its slots.
     void setSignalObserver(SignalObserver observer) { signalObserver = std::move(observer); }
+    // Delivers now, through the gate, the signals that have arrived and wait
+    // for the event loop, those the transport holds unread among them. For an
+    // owner about to drop this interface: what came before the drop counts.
+    void deliverArrivedSignals();
 
     // Process-wide, shared by all interfaces, wraps from 65535 to 0.
     static quint16 NextQueryId;

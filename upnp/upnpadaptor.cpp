@@ -158,6 +158,10 @@ void CUpnpAdaptor::run(int stage)
         break;
     }
     case 2:
+        // Events that came before the drop still count: under load the
+        // interfaces announced at subscription can arrive with this stage.
+        if (systemClient)
+            systemClient->deliverArrivedSignals();
         systemClient.reset();
         break;
     case 3:

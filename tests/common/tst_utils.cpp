@@ -85,35 +85,28 @@ void tst_Utils::defaultsAreTheProtocols_data()
     QTest::addColumn<qint64>("expected");
     const UpnpTimings ssdp;
     const IGMPTimings igmp;
-    const struct
-    {
-        const char* name;
-        qint64 value, expected;
-    } rows[] = {
-        {"rescan", ssdp.rescanInterval, 10000},
-        {"first alive", ssdp.firstAnnouncement, 100},
-        {"alive repeat, least", ssdp.aliveRepeatMinimum, 870000},
-        {"alive repeat, steps", ssdp.aliveRepeatSteps, 900},
-        {"alive repeat, step", ssdp.aliveRepeatStep, 1000},
-        {"second burst, least", ssdp.secondBurstMinimum, 50},
-        {"second burst, spread", ssdp.secondBurstSpread, 100},
-        {"join retry", ssdp.joinRetryInterval, 30000},
-        {"join error line", ssdp.joinErrorLogInterval, 300000},
-        {"pending answers", SsdpAnswerSchedule::DefaultBudget, 65536},
-        {"largest datagram", Ssdp::MaxDatagramSize, 8192},
-        {"startup query interval", igmp.startupQueryInterval, 31250},
-        {"startup query count", igmp.startupQueryCount, 2},
-        {"query interval", igmp.queryInterval, 125000},
-        {"other querier present", igmp.otherQuerierPresentInterval, 255000},
-        {"group membership", igmp.groupMembershipInterval, 260000},
-        {"version 1 host present", igmp.version1HostPresentInterval, 260000},
-        {"last member query", igmp.lastMemberQueryInterval, 1000},
-        {"membership after a leave", igmp.leaveMembershipTimeout, 2000},
-        {"invoke timeout", SocketConnection::DefaultInvokeTimeoutMs, 5000},
-        {"heartbeat", SocketAdaptorWithPing::DefaultHeartbeatInterval, 120000},
-    };
-    for (const auto& row : rows)
-        QTest::newRow(row.name) << row.value << row.expected;
+    const auto row = [](const char* name, qint64 value, qint64 expected) { QTest::newRow(name) << value << expected; };
+    row("rescan", ssdp.rescanInterval, 10000);
+    row("first alive", ssdp.firstAnnouncement, 100);
+    row("alive repeat, least", ssdp.aliveRepeatMinimum, 870000);
+    row("alive repeat, steps", ssdp.aliveRepeatSteps, 900);
+    row("alive repeat, step", ssdp.aliveRepeatStep, 1000);
+    row("second burst, least", ssdp.secondBurstMinimum, 50);
+    row("second burst, spread", ssdp.secondBurstSpread, 100);
+    row("join retry", ssdp.joinRetryInterval, 30000);
+    row("join error line", ssdp.joinErrorLogInterval, 300000);
+    row("pending answers", SsdpAnswerSchedule::DefaultBudget, 65536);
+    row("largest datagram", Ssdp::MaxDatagramSize, 8192);
+    row("startup query interval", igmp.startupQueryInterval, 31250);
+    row("startup query count", igmp.startupQueryCount, 2);
+    row("query interval", igmp.queryInterval, 125000);
+    row("other querier present", igmp.otherQuerierPresentInterval, 255000);
+    row("group membership", igmp.groupMembershipInterval, 260000);
+    row("version 1 host present", igmp.version1HostPresentInterval, 260000);
+    row("last member query", igmp.lastMemberQueryInterval, 1000);
+    row("membership after a leave", igmp.leaveMembershipTimeout, 2000);
+    row("invoke timeout", SocketConnection::DefaultInvokeTimeoutMs, 5000);
+    row("heartbeat", SocketAdaptorWithPing::DefaultHeartbeatInterval, 120000);
 }
 
 void tst_Utils::defaultsAreTheProtocols()

@@ -137,6 +137,11 @@ void tst_Daemon::init()
 
 void tst_Daemon::cleanup()
 {
+    // What the daemon logged and the backend said, for a failure's reader.
+    for (const SyslogReceiver::Line& line : QTest::currentTestFailed() ? lines : QList<SyslogReceiver::Line>())
+        qInfo("daemon: %s", line.text.constData());
+    if (QTest::currentTestFailed())
+        qInfo("backend:\n%s", backendOut.constData());
     for (QProcess* process : {&daemon, &backend}) {
         process->kill();
         process->waitForFinished();
@@ -382,6 +387,8 @@ void tst_Daemon::databaseDiesMidCallAndComesBackRenamed()
     QByteArray databaseOut;
     QTRY_VERIFY_WITH_TIMEOUT((databaseOut += database.readAllStandardOutput()).contains("reading network/igmpquerier"),
                              5000);
+    // Its socket goes first: a dying process's listener still takes connections.
+    QVERIFY(QFile::remove(dir->filePath("sockets/com.zan.ravo.database")));
     database.kill();
     database.waitForFinished();
 

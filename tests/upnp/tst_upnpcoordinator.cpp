@@ -49,7 +49,7 @@ private:
     UpnpInterfaceHandler* endpoint(const QString& interfaceName, const QString& address, const QHostAddress& group);
     std::unique_ptr<SsdpPeer> peer(const QString& interfaceName, const QHostAddress& group = Ipv4Group,
                                    const QHostAddress& source = QHostAddress());
-    QList<UpnpInterfaceHandler*> advertisers(const QString& name = QString()) const;
+    QList<UpnpInterfaceHandler*> advertisers() const;
     QStringList advertisedAddresses() const;
     void rescan(int times = 1);
 
@@ -109,14 +109,10 @@ std::unique_ptr<SsdpPeer> tst_UpnpCoordinator::peer(const QString& interfaceName
     return result->isValid() ? std::move(result) : nullptr;
 }
 
-QList<UpnpInterfaceHandler*> tst_UpnpCoordinator::advertisers(const QString& name) const
+QList<UpnpInterfaceHandler*> tst_UpnpCoordinator::advertisers() const
 {
     QList<UpnpInterfaceHandler*> list;
-    auto collect = [&list](UpnpInterfaceHandler* advertiser) { list.append(advertiser); };
-    if (name.isEmpty())
-        coordinator->onAllAdvertisers(collect);
-    else
-        coordinator->onAllAdvertisers(name, collect);
+    coordinator->onAllAdvertisers([&list](UpnpInterfaceHandler* advertiser) { list.append(advertiser); });
     return list;
 }
 
@@ -345,7 +341,7 @@ void tst_UpnpCoordinator::usableAddressesOfKnownInterfacesAreServed()
         {"2001:db8:78::2", {"ff05::c", "http://[2001:db8:78::2]:80/quarn.upnp"}},
         {linkLocal, {"ff02::c%d0", "http://[" + linkLocal + "]:80/quarn.upnp"}}};
     QCOMPARE(advertisedAddresses(), expected.keys());
-    for (UpnpInterfaceHandler* advertiser : advertisers("d0"))
+    for (UpnpInterfaceHandler* advertiser : advertisers())
         QCOMPARE((QStringList{advertiser->groupAddress().toString(), advertiser->location()}),
                  expected.value(advertiser->addressEntry().ip().toString().section('%', 0, 0)));
 }
