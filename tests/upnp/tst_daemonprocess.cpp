@@ -168,10 +168,11 @@ void tst_DaemonProcess::offendersCostOnlyThemselves()
     }
     const qint64 after = residentKiB(daemon.processId());
     qInfo("slowest answer %lld ms; RSS %lld KiB before, %lld KiB after", slowest, before, after);
-    QVERIFY(slowest < 1000 && after - before < 64 * 1024);
+    QVERIFY(slowest < 1000);
     if (!dropped)
         return;
-    // The limits end it, with one line that names the offender.
+    // The limits end it early, with one line that names the offender.
+    QVERIFY(after - before < 64 * 1024);
     QTRY_COMPARE(offender->state(), QLocalSocket::UnconnectedState);
     const QByteArray named = ", pid " + QByteArray::number(::getpid()) + ") for ";
     QByteArray log;
