@@ -138,10 +138,11 @@ void tst_Daemon::init()
 void tst_Daemon::cleanup()
 {
     // What the daemon logged and the backend said, for a failure's reader.
-    for (const SyslogReceiver::Line& line : QTest::currentTestFailed() ? lines : QList<SyslogReceiver::Line>())
-        qInfo("daemon: %s", line.text.constData());
-    if (QTest::currentTestFailed())
+    if (QTest::currentTestFailed()) {
+        for (const SyslogReceiver::Line& line : qAsConst(lines))
+            qInfo("daemon: %s", line.text.constData());
         qInfo("backend:\n%s", backendOut.constData());
+    }
     for (QProcess* process : {&daemon, &backend}) {
         process->kill();
         process->waitForFinished();
