@@ -5,16 +5,10 @@
 // what it tells its listeners must agree with the input.
 #include "configcache.h"
 
-#include <QCoreApplication>
-
 #include <cstdlib>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static int argc = 1;
-    static char name[] = "config_cache";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication application(argc, argv);
     QList<QByteArray> parts = QByteArray(reinterpret_cast<const char*>(data), int(size)).split('\0');
     const bool batch = parts.takeFirst() == "b";
     QStringList strings;

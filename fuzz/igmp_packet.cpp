@@ -9,7 +9,6 @@
 // 8-byte query with a valid checksum, and its table stays within 100 groups.
 #include "igmpquerier.h"
 
-#include <QCoreApplication>
 #include <QtEndian>
 
 #include <cstdlib>
@@ -28,10 +27,6 @@ bool checkQuery(const QByteArray& message, quint32)
 
 IGMPQuerier& querier()
 {
-    static int argc = 1;
-    static char name[] = "igmp_packet";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication application(argc, argv);
     static IGMPQuerier* instance = [] {
         QNetworkAddressEntry entry;
         entry.setIp(QHostAddress(OwnAddress));

@@ -8,8 +8,6 @@
 // no answer leaves and the schedule fills up to its budget.
 #include "upnpcoordinator.h"
 
-#include <QCoreApplication>
-
 #include <cstdlib>
 #include <sched.h>
 
@@ -17,10 +15,6 @@ namespace {
 
 UpnpInterfaceHandler* endpoint()
 {
-    static int argc = 1;
-    static char name[] = "ssdp_datagram";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication application(argc, argv);
     static UpnpInterfaceHandler* instance = [] () -> UpnpInterfaceHandler* {
         if (::unshare(CLONE_NEWNET) != 0)
             return nullptr;
