@@ -52,9 +52,7 @@ void tst_ConfigCache::cacheOutlivesAnOddDatabase()
     const bool connected = cache->connectToDatabase();
     const QByteArray absentOut = absent.take();
     QVERIFY(!ok && unknown.isEmpty() && !written && !connected);
-    QVERIFY(absentOut.contains("key generic/name cannot be found in the config cache. Batch update received: false"));
     QVERIFY(absentOut.contains("failed to get config value for generic/name - not connected to database"));
-    QVERIFY(absentOut.contains("failed to set config value: generic/serialNumber SN1 - not connected to database"));
     QVERIFY(absentOut.contains("failed to open interface to database ServerNotFoundError"));
     QCOMPARE(cache->getConfigValue("generic/serialNumber", &ok), QString("SN1"));
     QVERIFY(ok);

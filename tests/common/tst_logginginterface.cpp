@@ -64,26 +64,17 @@ void tst_LoggingInterface::prefixesAreLaidOutByteForByte()
                       + pad + "-- f.cpp                    1       deep \n" + pad
                       + "-- f.cpp                    2    shallow \n");
     QCOMPARE(logging::__Indent, 0);
-    {
-        LogIndent unbalanced;
-        logging::__Indent = 0;
-    }
-    QCOMPARE(logging::__Indent, 0);
 
-    // Error lines count when they start: "bad" above, one started without
-    // prefix (nothing to write), one flushed twice (written once).
+    // Error lines count when they start: "bad" above, one flushed twice
+    // (written once); shutdown starts again from 0.
     const QByteArray errors = captureStdout([] {
-        CDebug{CDebug::Error};
         CDebug line(CDebug::Error);
         line << "flushed twice";
         line.flush();
         line.flush();
     });
-    QCOMPARE(getErrorLogLineCount(), 3u);
+    QCOMPARE(getErrorLogLineCount(), 2u);
     QCOMPARE(errors, QByteArray("flushed twice \n"));
-    setErrorLogLineCount(40);
-    CDebug{CDebug::Error};
-    QCOMPARE(getErrorLogLineCount(), 41u);
     shutdownLogging();
     QCOMPARE(getErrorLogLineCount(), 0u);
 }
@@ -163,8 +154,6 @@ void tst_LoggingInterface::frameworkMessagesAreFiltered()
     QCOMPARE(dispatch(QtWarningMsg, "quarn.trace", "traced"), QByteArray());
     QCOMPARE(dispatch(QtWarningMsg, "default", ""), QByteArray());
     QCOMPARE(dispatch(QtWarningMsg, "default", "\"Object does not exist at path /x\"", nullptr), QByteArray());
-    QVERIFY(dispatch(QtWarningMsg, "default", "\"Object does not exist at path /x\"").size() > 0);
-    QVERIFY(dispatch(QtWarningMsg, nullptr, "no category", nullptr).contains("(null)"));
 
     // Detailed logging on: info passes, debug still needs the debug switch.
     logging::__LoggingActive = true;
@@ -172,12 +161,9 @@ void tst_LoggingInterface::frameworkMessagesAreFiltered()
     QCOMPARE(dispatch(QtDebugMsg, "default", "dbg"), QByteArray());
     initLogging(true, true, false, true);
     QCOMPARE(dispatch(QtDebugMsg, "default", "dbg"), at12("**") + "dbg");
-    QVERIFY(dispatch(QtWarningMsg, "quarn.trace", "traced").endsWith("traced"));
 
     // The handler is installed: Qt's own macros arrive in the same format.
     QVERIFY(captureStdout([] { qWarning("through qWarning"); }).contains("WW "));
-    initLogging(false, false, false, true);
-    QCOMPARE(captureStdout([] { qDebug("dropped"); }), QByteArray());
 }
 
 QTEST_GUILESS_MAIN(tst_LoggingInterface)

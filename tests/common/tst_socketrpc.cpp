@@ -59,8 +59,15 @@ private slots:
     void rpccallCallsAndListens();
 
 private:
-    std::unique_ptr<SocketInterface> client(const QByteArray& name = QByteArray(), const char* service = Service);
-    bool listen(SocketAdaptor& adaptor);
+    std::unique_ptr<SocketInterface> client(const QByteArray& name = QByteArray(), const char* service = Service)
+    {
+        const auto type = tcp ? SocketConnection::TcpSocketType : SocketConnection::LocalSocketType;
+        return std::unique_ptr<SocketInterface>(new SocketInterface(type, service, dir.path(), nullptr, name));
+    }
+    bool listen(SocketAdaptor& adaptor)
+    {
+        return tcp ? adaptor.startTcpServer(dir.path(), 0) : adaptor.startLocalServer(dir.path());
+    }
 
     bool tcp = false;
     QTemporaryDir dir;
@@ -106,17 +113,6 @@ void tst_SocketRpc::cleanup()
     server.kill();
     server.waitForFinished();
     SocketInterface::SignalWhiteList.clear();
-}
-
-std::unique_ptr<SocketInterface> tst_SocketRpc::client(const QByteArray& name, const char* service)
-{
-    const auto type = tcp ? SocketConnection::TcpSocketType : SocketConnection::LocalSocketType;
-    return std::unique_ptr<SocketInterface>(new SocketInterface(type, service, dir.path(), nullptr, name));
-}
-
-bool tst_SocketRpc::listen(SocketAdaptor& adaptor)
-{
-    return tcp ? adaptor.startTcpServer(dir.path(), 0) : adaptor.startLocalServer(dir.path());
 }
 
 void tst_SocketRpc::callsAreAnsweredWithValuesCallbacksAndPromises()
@@ -192,13 +188,8 @@ void tst_SocketRpc::brokenIncompleteAndUnreachableCallsFail()
     QVERIFY(rpc->writeData(message(0, "echo", {1}).constData(), 12) && rpc->flush(1000));
     QTRY_VERIFY(serverLog.contains("Failed to invoke echo() probably due to an invalid signature"));
     // A service nobody offers: an invalid interface, whose calls fail.
-    StdoutCapture capture;
     std::unique_ptr<SocketInterface> missing = client({}, "com.zan.ravo.nobody");
-    const QByteArray out = capture.take();
     QVERIFY(!missing->isValid() && !missing->call(WithReturn, "anything").isValid() && missing->hasError());
-    QVERIFY2(tcp
-                 ? out.contains("cannot open socket file: " + dir.filePath("com.zan.ravo.nobody.port").toUtf8())
-                 : missing->getSocket()->getLastErrorText() == "ServerNotFoundError", out);
 }
 
 void tst_SocketRpc::clientsAreServedInTurn()

@@ -13,10 +13,8 @@ class tst_Utils : public QObject
     Q_OBJECT
 
 private slots:
-    void deviceUuidComesFromTheWlanMac_data();
     void deviceUuidComesFromTheWlanMac();
     void escapeXmlKeepsTheDoubleEscaping();
-    void defaultsAreTheProtocols_data();
     void defaultsAreTheProtocols();
     void spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked();
 };
@@ -47,21 +45,15 @@ void tst_Utils::spinLockTakenTwiceOnOneThreadIsReportedNotDeadlocked()
              out);
 }
 
-void tst_Utils::deviceUuidComesFromTheWlanMac_data()
-{
-    QTest::addColumn<QString>("mac");
-    QTest::addColumn<QString>("uuid");
-    QTest::newRow("as the kernel writes it") << "00:11:22:33:44:55\n" << "33221100-5511-4433-0011-443311332211";
-    QTest::newRow("upper case") << "AA:BB:CC:DD:EE:FF" << "ddccbbaa-ffbb-eedd-aabb-eeddbbddccbb";
-    QTest::newRow("invalid pair reads as 0") << "zz:11:22:33:44:55" << "33221100-5511-4433-0011-443311332211";
-    QTest::newRow("too short") << "01:02" << "00000201-0002-0000-0102-000002000002";
-}
-
 void tst_Utils::deviceUuidComesFromTheWlanMac()
 {
-    QFETCH(QString, mac);
-    QFETCH(QString, uuid);
-    QCOMPARE(CUpnpAdaptor::makeDeviceUuid(mac).toString(QUuid::WithoutBraces), uuid);
+    // As the kernel writes it, in upper case, with an invalid pair (read as 0), too short.
+    const char* const rows[][2] = {{"00:11:22:33:44:55\n", "33221100-5511-4433-0011-443311332211"},
+                                   {"AA:BB:CC:DD:EE:FF", "ddccbbaa-ffbb-eedd-aabb-eeddbbddccbb"},
+                                   {"zz:11:22:33:44:55", "33221100-5511-4433-0011-443311332211"},
+                                   {"01:02", "00000201-0002-0000-0102-000002000002"}};
+    for (const auto& row : rows)
+        QCOMPARE(CUpnpAdaptor::makeDeviceUuid(row[0]).toString(QUuid::WithoutBraces), QString(row[1]));
 
     initLogging(false, false, false, true);
     StdoutCapture capture;
@@ -77,15 +69,13 @@ void tst_Utils::deviceUuidComesFromTheWlanMac()
     QCOMPARE(Utils::wlanInterfaceName(), QString("wlan0"));
 }
 
-void tst_Utils::defaultsAreTheProtocols_data()
+void tst_Utils::defaultsAreTheProtocols()
 {
     // What the daemon uses unless a test shrinks it: SSDP's (UPnP Device
     // Architecture), IGMPv2's (RFC 2236) and the backend's, in milliseconds.
-    QTest::addColumn<qint64>("value");
-    QTest::addColumn<qint64>("expected");
     const UpnpTimings ssdp;
     const IGMPTimings igmp;
-    const auto row = [](const char* name, qint64 value, qint64 expected) { QTest::newRow(name) << value << expected; };
+    const auto row = [](const char* name, qint64 value, qint64 expected) { QVERIFY2(value == expected, name); };
     row("rescan", ssdp.rescanInterval, 10000);
     row("first alive", ssdp.firstAnnouncement, 100);
     row("alive repeat, least", ssdp.aliveRepeatMinimum, 870000);
@@ -107,13 +97,6 @@ void tst_Utils::defaultsAreTheProtocols_data()
     row("membership after a leave", igmp.leaveMembershipTimeout, 2000);
     row("invoke timeout", SocketConnection::DefaultInvokeTimeoutMs, 5000);
     row("heartbeat", SocketAdaptorWithPing::DefaultHeartbeatInterval, 120000);
-}
-
-void tst_Utils::defaultsAreTheProtocols()
-{
-    QFETCH(qint64, value);
-    QFETCH(qint64, expected);
-    QCOMPARE(value, expected);
 }
 
 QTEST_GUILESS_MAIN(tst_Utils)

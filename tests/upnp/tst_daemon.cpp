@@ -64,12 +64,48 @@ private slots:
     void databaseDiesMidCallAndComesBackRenamed();
 
 private:
-    bool startBackend(QProcess* backend, const QStringList& arguments);
-    bool startDaemon();
+    // A simulated backend in the device's namespace, once it listens.
+    bool startBackend(QProcess* process, const QStringList& arguments)
+    {
+        process->start("ip", QStringList{"netns", "exec", namespaces->fullName(Dev), BINARY_DIR "/tools/simbackend",
+                                         "--socket-dir", dir->filePath("sockets"), "--config", dir->filePath("database.txt")}
+                                 + arguments);
+        // The main backend's output is gathered by its readyRead handler.
+        QByteArray other;
+        QByteArray& out = process == &backend ? backendOut : other;
+        while (!out.contains("ready\n") && process->waitForReadyRead(5000))
+            out += process->readAllStandardOutput();
+        return out.contains("ready\n");
+    }
+    bool startDaemon()
+    {
+        syslog.reset();
+        syslog.reset(new SyslogReceiver(dir->filePath("log.sock")));
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("XDG_CONFIG_HOME", dir->filePath("config"));
+        environment.insert("PATH", dir->filePath("bin") + ':' + environment.value("PATH"));
+        daemon.setProcessEnvironment(environment);
+        daemon.setProcessChannelMode(QProcess::ForwardedChannels);
+        daemon.start("ip", {"netns", "exec", namespaces->fullName(Dev), SOURCE_DIR "/scripts/with-private-devlog.sh",
+                            dir->filePath("log.sock"), BINARY_DIR "/upnp/upnp"});
+        return daemon.waitForStarted();
+    }
     QVariant control(const char* method, const SocketArgument& a1 = SocketArgument(),
-                     const SocketArgument& a2 = SocketArgument());
-    QByteArray file(const QString& name) const;
-    quint32 configIdOfDescription() const;
+                     const SocketArgument& a2 = SocketArgument())
+    {
+        SocketInterface simbackend(SocketConnection::LocalSocketType, "com.zan.ravo.simbackend", dir->filePath("sockets"));
+        return simbackend.call(SocketInterface::CallWithReturn, method, a1, a2).toQVariant();
+    }
+    QByteArray file(const QString& name) const
+    {
+        QFile in(dir->filePath(name));
+        return in.open(QIODevice::ReadOnly) ? in.readAll() : QByteArray();
+    }
+    quint32 configIdOfDescription() const
+    {
+        const QByteArray digest = QCryptographicHash::hash(file("files/quarn.upnp"), QCryptographicHash::Sha256);
+        return qFromLittleEndian<quint32>(digest.constData()) & 0xFFFFFF;
+    }
     bool write(const QString& name, const QByteArray& content) const
     {
         QFile out(dir->filePath(name));
@@ -153,51 +189,6 @@ void tst_Daemon::cleanup()
     }
     syslog.reset();
     namespaces.reset();
-}
-
-bool tst_Daemon::startBackend(QProcess* process, const QStringList& arguments)
-{
-    process->start("ip", QStringList{"netns", "exec", namespaces->fullName(Dev), BINARY_DIR "/tools/simbackend",
-                                     "--socket-dir", dir->filePath("sockets"), "--config", dir->filePath("database.txt")}
-                             + arguments);
-    // The main backend's output is gathered by its readyRead handler.
-    QByteArray other;
-    QByteArray& out = process == &backend ? backendOut : other;
-    while (!out.contains("ready\n") && process->waitForReadyRead(5000))
-        out += process->readAllStandardOutput();
-    return out.contains("ready\n");
-}
-
-bool tst_Daemon::startDaemon()
-{
-    syslog.reset();
-    syslog.reset(new SyslogReceiver(dir->filePath("log.sock")));
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("XDG_CONFIG_HOME", dir->filePath("config"));
-    environment.insert("PATH", dir->filePath("bin") + ':' + environment.value("PATH"));
-    daemon.setProcessEnvironment(environment);
-    daemon.setProcessChannelMode(QProcess::ForwardedChannels);
-    daemon.start("ip", {"netns", "exec", namespaces->fullName(Dev), SOURCE_DIR "/scripts/with-private-devlog.sh",
-                        dir->filePath("log.sock"), BINARY_DIR "/upnp/upnp"});
-    return daemon.waitForStarted();
-}
-
-QVariant tst_Daemon::control(const char* method, const SocketArgument& a1, const SocketArgument& a2)
-{
-    SocketInterface simbackend(SocketConnection::LocalSocketType, "com.zan.ravo.simbackend", dir->filePath("sockets"));
-    return simbackend.call(SocketInterface::CallWithReturn, method, a1, a2).toQVariant();
-}
-
-QByteArray tst_Daemon::file(const QString& name) const
-{
-    QFile in(dir->filePath(name));
-    return in.open(QIODevice::ReadOnly) ? in.readAll() : QByteArray();
-}
-
-quint32 tst_Daemon::configIdOfDescription() const
-{
-    const QByteArray digest = QCryptographicHash::hash(file("files/quarn.upnp"), QCryptographicHash::Sha256);
-    return qFromLittleEndian<quint32>(digest.constData()) & 0xFFFFFF;
 }
 
 // A controller's life on the LAN: found, flooded, renamed, stopped.

@@ -49,12 +49,52 @@ private slots:
 
 private:
     // Starts "wrapper... upnp args..." and waits until it listens.
-    bool start(const QStringList& wrapper = {}, const QStringList& args = {});
-    std::unique_ptr<QLocalSocket> connectClient();
+    bool start(const QStringList& wrapper = {}, const QStringList& args = {})
+    {
+        cleanup();
+        QFile::remove(dir.filePath(Service)); // the last daemon's
+        moduleLines.clear();
+        syslog.reset(); // its destructor removes the socket file
+        syslog.reset(new SyslogReceiver(dir.filePath("log.sock")));
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_CONFIG_HOME", dir.filePath("config"));
+        daemon.setProcessEnvironment(env);
+        daemon.setProcessChannelMode(QProcess::ForwardedChannels);
+        // The script execs through unshare and sh into the daemon: one process id.
+        daemon.start(SOURCE_DIR "/scripts/with-private-devlog.sh",
+                     QStringList{dir.filePath("log.sock")} + wrapper + QStringList{BINARY_DIR "/upnp/upnp"} + args);
+        if (!daemon.waitForStarted())
+            return false;
+        daemonPid = daemon.processId();
+        return QTest::qWaitFor([this] { return QFileInfo::exists(dir.filePath(Service)); }, 10000);
+    }
+    std::unique_ptr<QLocalSocket> connectClient()
+    {
+        std::unique_ptr<QLocalSocket> client(new QLocalSocket);
+        client->connectToServer(dir.filePath(Service));
+        client->waitForConnected(2000);
+        return client;
+    }
     // The entry point's lines; the module object's go to moduleLines.
-    QList<SyslogReceiver::Line> readLines(int count);
+    QList<SyslogReceiver::Line> readLines(int count)
+    {
+        QList<SyslogReceiver::Line> lines;
+        SyslogReceiver::Line line;
+        while (lines.size() < count && syslog->receive(&line, 10000)) {
+            if (line.text.contains(" main.cpp "))
+                lines.append(line);
+            else
+                moduleLines += line.text + '\n';
+        }
+        return lines;
+    }
     // Built by hand for "upnp[pid]: ", so a change of the logging code cannot hide here.
-    QByteArray prefix(const char* kind, int line) const;
+    QByteArray prefix(const char* kind, int line) const
+    {
+        const int digits = daemonPid <= 9 ? 1 : daemonPid <= 99 ? 2 : daemonPid <= 999 ? 3 : daemonPid <= 9999 ? 4 : 5;
+        return QByteArray(26 - (digits + 3 + 4), ' ') + kind + " main.cpp" + QByteArray(13, ' ')
+               + QByteArray::number(line).rightJustified(5) + ' ';
+    }
 
     QTemporaryDir dir;
     QProcess daemon;
@@ -78,54 +118,6 @@ void tst_DaemonProcess::cleanup()
 {
     daemon.kill();
     daemon.waitForFinished();
-}
-
-bool tst_DaemonProcess::start(const QStringList& wrapper, const QStringList& args)
-{
-    cleanup();
-    QFile::remove(dir.filePath(Service)); // the last daemon's
-    moduleLines.clear();
-    syslog.reset(); // its destructor removes the socket file
-    syslog.reset(new SyslogReceiver(dir.filePath("log.sock")));
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("XDG_CONFIG_HOME", dir.filePath("config"));
-    daemon.setProcessEnvironment(env);
-    daemon.setProcessChannelMode(QProcess::ForwardedChannels);
-    // The script execs through unshare and sh into the daemon: one process id.
-    daemon.start(SOURCE_DIR "/scripts/with-private-devlog.sh",
-                 QStringList{dir.filePath("log.sock")} + wrapper + QStringList{BINARY_DIR "/upnp/upnp"} + args);
-    if (!daemon.waitForStarted())
-        return false;
-    daemonPid = daemon.processId();
-    return QTest::qWaitFor([this] { return QFileInfo::exists(dir.filePath(Service)); }, 10000);
-}
-
-std::unique_ptr<QLocalSocket> tst_DaemonProcess::connectClient()
-{
-    std::unique_ptr<QLocalSocket> client(new QLocalSocket);
-    client->connectToServer(dir.filePath(Service));
-    client->waitForConnected(2000);
-    return client;
-}
-
-QList<SyslogReceiver::Line> tst_DaemonProcess::readLines(int count)
-{
-    QList<SyslogReceiver::Line> lines;
-    SyslogReceiver::Line line;
-    while (lines.size() < count && syslog->receive(&line, 10000)) {
-        if (line.text.contains(" main.cpp "))
-            lines.append(line);
-        else
-            moduleLines += line.text + '\n';
-    }
-    return lines;
-}
-
-QByteArray tst_DaemonProcess::prefix(const char* kind, int line) const
-{
-    const int digits = daemonPid <= 9 ? 1 : daemonPid <= 99 ? 2 : daemonPid <= 999 ? 3 : daemonPid <= 9999 ? 4 : 5;
-    return QByteArray(26 - (digits + 3 + 4), ' ') + kind + " main.cpp" + QByteArray(13, ' ')
-           + QByteArray::number(line).rightJustified(5) + ' ';
 }
 
 void tst_DaemonProcess::offendersCostOnlyThemselves_data()

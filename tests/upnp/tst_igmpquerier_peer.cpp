@@ -20,20 +20,17 @@ private slots:
 
 private:
     std::unique_ptr<IGMPQuerier> startQuerier(const char* ns, const char* interface, const QString& address,
-                                              const IGMPTimings& timings = IGMPTimings());
+                                              const IGMPTimings& timings = IGMPTimings())
+    {
+        if (!namespaces.enter(ns))
+            return nullptr;
+        std::unique_ptr<IGMPQuerier> querier(new IGMPQuerier(QNetworkInterface::interfaceFromName(interface),
+                                                             addressEntry(interface, address), nullptr, timings));
+        namespaces.leave();
+        return querier;
+    }
     NetworkNamespaces namespaces;
 };
-
-std::unique_ptr<IGMPQuerier> tst_IGMPQuerierPeer::startQuerier(const char* ns, const char* interface,
-                                                               const QString& address, const IGMPTimings& timings)
-{
-    if (!namespaces.enter(ns))
-        return nullptr;
-    std::unique_ptr<IGMPQuerier> querier(new IGMPQuerier(QNetworkInterface::interfaceFromName(interface),
-                                                         addressEntry(interface, address), nullptr, timings));
-    namespaces.leave();
-    return querier;
-}
 
 void tst_IGMPQuerierPeer::onlyALowerQuerierOnTheOwnLinkSilencesUs()
 {

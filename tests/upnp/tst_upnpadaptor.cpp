@@ -29,10 +29,45 @@ private slots:
     void stagesAndNetworkEventsWaitForTheCoordinator();
 
 private:
-    QByteArray read(const QString& name) const;
+    QByteArray read(const QString& name) const
+    {
+        QFile file(dir.filePath(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
     // Avahi restarts that action leads to; its log lines go to log.
-    int restarts(CUpnpAdaptor& adaptor, const std::function<void()>& action, QByteArray* log = nullptr);
-    void configure(const QString& templates, const QString& output);
+    int restarts(CUpnpAdaptor& adaptor, const std::function<void()>& action, QByteArray* log = nullptr)
+    {
+        const bool detailed = logging::__LoggingActive;
+        logging::__LoggingActive = true;
+        StdoutCapture capture;
+        QElapsedTimer clock;
+        clock.start();
+        action();
+        // The event loop turns all the while: a restart never waits for systemctl.
+        qint64 longestTurn = clock.elapsed();
+        while (adaptor.isAvahiRestartPending() && clock.elapsed() < 5000) {
+            const qint64 before = clock.elapsed();
+            QTest::qWait(10);
+            longestTurn = std::max(longestTurn, clock.elapsed() - before);
+        }
+        const QByteArray out = capture.take();
+        if (longestTurn > 150 || adaptor.isAvahiRestartPending())
+            return -1;
+        logging::__LoggingActive = detailed;
+        if (log)
+            *log = out;
+        return out.count("-- upnpadaptor.cpp        158 restartAvahi");
+    }
+    void configure(const QString& templates, const QString& output)
+    {
+        QSettings database("quarn", "database");
+        database.setValue("socketDir", dir.path());
+        database.setValue("data/constpath", templates);
+        database.setValue("upnpConfigFileName", output + "/quarn.upnp");
+        database.setValue("avahiConfigFileName", output + "/tessaline-quarn.service");
+        WWWDir = dir.filePath("www");
+        QDir().mkpath(WWWDir);
+    }
 
     QTemporaryDir dir;
 };
@@ -60,47 +95,6 @@ void tst_UpnpAdaptor::init()
     configure(SOURCE_DIR "/upnp/data", dir.path());
     QFile::remove(dir.filePath("www/settings.json"));
     logging::__LoggingActive = false;
-}
-
-void tst_UpnpAdaptor::configure(const QString& templates, const QString& output)
-{
-    QSettings database("quarn", "database");
-    database.setValue("socketDir", dir.path());
-    database.setValue("data/constpath", templates);
-    database.setValue("upnpConfigFileName", output + "/quarn.upnp");
-    database.setValue("avahiConfigFileName", output + "/tessaline-quarn.service");
-    WWWDir = dir.filePath("www");
-    QDir().mkpath(WWWDir);
-}
-
-int tst_UpnpAdaptor::restarts(CUpnpAdaptor& adaptor, const std::function<void()>& action, QByteArray* log)
-{
-    const bool detailed = logging::__LoggingActive;
-    logging::__LoggingActive = true;
-    StdoutCapture capture;
-    QElapsedTimer clock;
-    clock.start();
-    action();
-    // The event loop turns all the while: a restart never waits for systemctl.
-    qint64 longestTurn = clock.elapsed();
-    while (adaptor.isAvahiRestartPending() && clock.elapsed() < 5000) {
-        const qint64 before = clock.elapsed();
-        QTest::qWait(10);
-        longestTurn = std::max(longestTurn, clock.elapsed() - before);
-    }
-    const QByteArray out = capture.take();
-    if (longestTurn > 150 || adaptor.isAvahiRestartPending())
-        return -1;
-    logging::__LoggingActive = detailed;
-    if (log)
-        *log = out;
-    return out.count("-- upnpadaptor.cpp        158 restartAvahi");
-}
-
-QByteArray tst_UpnpAdaptor::read(const QString& name) const
-{
-    QFile file(dir.filePath(name));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 void tst_UpnpAdaptor::filesFollowNameSerialAndBrand()
