@@ -184,14 +184,6 @@ private slots:
         QCOMPARE(target.toQVariant(), value);
         QCOMPARE(target.isValid(), result == SocketArgument::ParseDone);
         QVERIFY2(log.isEmpty() ? out.isEmpty() : out.contains("EE ") && out.endsWith(log + '\n'), out);
-
-    }
-
-    void nothingWidensOrNarrows()
-    {
-        // An int32 asked for as a uint32 is the default.
-        const QByteArray out = captureStdout([] { QCOMPARE(SocketArgument(5).toUInt32(), 0u); });
-        QVERIFY2(out.endsWith("type is not uint32 - returning default value type= 5\n"), out);
     }
 
     void writersAndTransportsCarryTheWireLayout()

@@ -50,6 +50,12 @@ bool sendIgmp(quint8 type, const char* group, const char* destination, const cha
     return sent;
 }
 
+void stop(QProcess& process)
+{
+    process.kill();
+    process.waitForFinished();
+}
+
 } // namespace
 
 class tst_Daemon : public QObject
@@ -113,10 +119,8 @@ private slots:
                 qInfo("daemon: %s", line.text.constData());
             qInfo("backend:\n%s", backendOut.constData());
         }
-        for (QProcess* process : {&daemon, &backend}) {
-            process->kill();
-            process->waitForFinished();
-        }
+        stop(daemon);
+        stop(backend);
         syslog.reset();
         namespaces.reset();
     }
@@ -196,8 +200,7 @@ private slots:
             QVERIFY(namespaces->run(ns, {"cat", "/proc/net/igmp"}, &igmp));
             QVERIFY2(QRegularExpression(ns + QString("0 *: *[0-9]+ *V2")).match(QString::fromLatin1(igmp)).hasMatch(), igmp);
         }
-        tcpdump.kill();
-        tcpdump.waitForFinished();
+        stop(tcpdump);
 
         // The name changes: new files, a new config id, ssdp:update.
         const quint32 firstId = configIdOfDescription();
@@ -225,8 +228,7 @@ private slots:
         QVERIFY2(found.contains("device uuid:" + Udn + " http://192.0.2.2:80/quarn.upnp friendlyName=Orvella: A&B &lt;x&gt; "
                                 "manufacturer=Tessaline modelName=Quarn serialNumber=SN-0815"),
                  found);
-        http.kill();
-        http.waitForFinished();
+        stop(http);
 
         // A real avahi-daemon takes the service file as its only service.
         if (!QStandardPaths::findExecutable("avahi-daemon", {"/usr/sbin", "/sbin"}).isEmpty()) {
@@ -287,8 +289,7 @@ private slots:
                                  5000);
         // Its socket goes first: a dying process's listener still takes connections.
         QVERIFY(QFile::remove(dir->filePath("sockets/com.zan.ravo.database")));
-        database.kill();
-        database.waitForFinished();
+        stop(database);
 
         // The call returns at once, and the cached values serve: the device
         // advertises under its name while stage 3 waits for a database.
@@ -306,8 +307,7 @@ private slots:
         QTRY_VERIFY(backendOut.contains("supervisor: stage 3 done"));
 
         // It is restarted with another name: the daemon reconnects by itself.
-        database.kill();
-        database.waitForFinished();
+        stop(database);
         QVERIFY(startBackend(&database, onlyDatabase + QStringList{dir->filePath("third.txt")}));
         QTRY_VERIFY_WITH_TIMEOUT(file("files/quarn.upnp").contains("Orvella: Cellar"), 20000);
 
@@ -315,8 +315,7 @@ private slots:
         // reaches it each time.
         QProcess diagnosis;
         for (int start = 0; start < 2; ++start) {
-            diagnosis.kill();
-            diagnosis.waitForFinished();
+            stop(diagnosis);
             QVERIFY(startBackend(&diagnosis, {"--without", "database", "--without", "system", "--without", "control"}));
             QByteArray pings;
             QTRY_VERIFY_WITH_TIMEOUT((pings += diagnosis.readAllStandardOutput()).contains("diagnosis: ping com.zan.ravo.upnp 3"),
@@ -324,8 +323,7 @@ private slots:
         }
 
         // It goes again; stage 3 waits again, and quit ends that wait at once.
-        database.kill();
-        database.waitForFinished();
+        stop(database);
         control("runStage", 2);
         control("runStage", 3);
         QTRY_COMPARE(logged("got run signal 3"), 2);
