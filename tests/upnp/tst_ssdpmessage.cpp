@@ -1,4 +1,6 @@
-// SSDP texts, the parser, and the schedule of the answers to searches.
+// SSDP texts, the parser, and the schedule of the answers to searches. (The
+// lean search reader must agree with the parser: the fuzz target ssdp_datagram
+// holds it to that, over these datagrams among others.)
 #include "ssdpanswerschedule.h"
 #include "ssdpmessage.h"
 
@@ -127,18 +129,6 @@ private slots:
             QVERIFY(message.headers.isEmpty());
         else if (!stKey.isEmpty())
             QCOMPARE(message.headers.value(stKey), stValue);
-
-        // The daemon reads searches without the map; it must take and drop the same.
-        const Ssdp::SearchHeaders search = Ssdp::parseSearch(datagram);
-        QCOMPARE(search.isSearch, kind == Message::Search);
-        const auto text = [](const std::optional<std::string_view>& view) {
-            return view ? QByteArray(view->data(), int(view->size())) : QByteArray("(none)");
-        };
-        if (search.isSearch) {
-            QCOMPARE(text(search.man), message.headers.value("man", "(none)"));
-            QCOMPARE(text(search.mx), message.headers.value("mx", "(none)"));
-            QCOMPARE(text(search.st), message.headers.value("st", "(none)"));
-        }
     }
 
     void responseSpanFollowsMx()
