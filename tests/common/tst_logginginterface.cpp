@@ -124,10 +124,6 @@ private slots:
         QCOMPARE(captureStdout(allKinds), QByteArray("kind 1\nkind 4\nkind 5\nkind 9\n"));
         QVERIFY(captureStdout([] { CDebug(CDebug::Kind(9), "f.cpp", 1) << "x"; }).contains("?? f.cpp"));
 
-        // Shutdown clears the switches but keeps the console.
-        initLogging(true, true, true, true);
-        shutdownLogging();
-        QCOMPARE(captureStdout(allKinds), QByteArray("kind 4\nkind 9\n"));
     }
 
     void frameworkMessagesAreFiltered()
