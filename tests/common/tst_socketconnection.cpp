@@ -255,7 +255,8 @@ private slots:
             << QStringList{"more than 10 arguments!!! ", "broken rpc command: many ",
                            "method name: many so far parsed parameters: 32buffer content: 45bfd7a3…",
                            "type is not string8 - returning default value type= 1"};
-        QTest::newRow("client: return values") << client << hex("45bfd7a3 03 0700 01 05 01000000 45bfd7a3 03 0700 00 45bfd7a3 03 0900 01 00")
+        QTest::newRow("client: return values")
+            << client << hex("45bfd7a3 03 0700 01 05 01000000 45bfd7a3 03 0700 00 45bfd7a3 03 0900 01 00")
                                                << QStringList{parsed("return", "ok", {1}, 7), parsed("return", "failed", {}, 7),
                                                               parsed("return", "ok", {}, 9)}
                                                << QStringList();
@@ -285,7 +286,8 @@ private slots:
             {"invalid value type 0x20 at position N"}, "", 0);
         // Over a limit the peer is dropped: one line, and nothing more is parsed.
         const QStringList drop{"dropping connection N () for a message over 16777216 bytes or 65536 elements "};
-        QTest::newRow("server: a byte array of 0xfffffff0 bytes") << server << header(1) + m + hex("02 f0ffffff") + message(1, "good")
+        QTest::newRow("server: a byte array of 0xfffffff0 bytes")
+            << server << header(1) + m + hex("02 f0ffffff") + message(1, "good")
                                                                   << QStringList() << drop;
         QTest::newRow("server: 65537 ints") << server << header(1) + m + hex("0c 01000100") << QStringList() << drop;
         QTest::newRow("client: 65537 elements, nested") << client << header(2) + m + hex("12 02000000 0c 00000100 0c 01000000")

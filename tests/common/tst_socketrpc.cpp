@@ -301,7 +301,8 @@ private slots:
         const QByteArray refused = rpccall({Service, "noSuchSlot"});
         QVERIFY2(refused.startsWith("3 ") && refused.contains("refused the call noSuchSlot"), refused);
         QProcess listener;
-        listener.start(BINARY_DIR "/tools/rpccall", where + QStringList{"--listen", "--seconds", "5", Service, "changed(QString,int)"});
+        listener.start(BINARY_DIR "/tools/rpccall",
+                       where + QStringList{"--listen", "--seconds", "5", Service, "changed(QString,int)"});
         QVERIFY(listener.waitForStarted());
         // Sent until the listener has subscribed and prints.
         QTRY_VERIFY((check->call("notify", QString("hello there")), listener.waitForReadyRead(100)));

@@ -224,7 +224,8 @@ private slots:
         QTRY_VERIFY((web.abort(), web.connectToHost("192.0.2.2", 80), web.waitForConnected(100)));
         QVERIFY(namespaces->leave());
         QByteArray found;
-        namespaces->run(Cp, {"/usr/bin/python3", SOURCE_DIR "/tools/upnp-describe", "--interface", "cp0", "--seconds", "4"}, &found);
+        namespaces->run(Cp, {"/usr/bin/python3", SOURCE_DIR "/tools/upnp-describe", "--interface", "cp0", "--seconds", "4"},
+                        &found);
         QVERIFY2(found.contains("device uuid:" + Udn + " http://192.0.2.2:80/quarn.upnp friendlyName=Orvella: A&B &lt;x&gt; "
                                 "manufacturer=Tessaline modelName=Quarn serialNumber=SN-0815"),
                  found);
@@ -234,8 +235,9 @@ private slots:
         if (!QStandardPaths::findExecutable("avahi-daemon", {"/usr/sbin", "/sbin"}).isEmpty()) {
             QDir().mkpath(dir->filePath("avahi/services"));
             QFile::copy(dir->filePath("files/tessaline-quarn.service"), dir->filePath("avahi/services/tessaline-quarn.service"));
-            QVERIFY(write("avahi/avahi-daemon.conf", "[server]\nuse-ipv4=yes\nuse-ipv6=no\nallow-interfaces=dev0\nenable-dbus=no\n"
-                                                     "[wide-area]\nenable-wide-area=no\n[publish]\npublish-hinfo=no\npublish-workstation=no\n"));
+            QVERIFY(write("avahi/avahi-daemon.conf",
+                          "[server]\nuse-ipv4=yes\nuse-ipv6=no\nallow-interfaces=dev0\nenable-dbus=no\n[wide-area]\n"
+                          "enable-wide-area=no\n[publish]\npublish-hinfo=no\npublish-workstation=no\n"));
             QProcess avahi;
             avahi.setProcessChannelMode(QProcess::MergedChannels);
             avahi.start("ip", {"netns", "exec", namespaces->fullName(Dev), "unshare", "--mount", "--propagation", "private",

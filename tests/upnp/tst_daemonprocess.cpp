@@ -87,7 +87,9 @@ private slots:
                 daemon.waitForFinished(1);
             }
             QVERIFY2(daemon.state() == QProcess::NotRunning && clock.elapsed() - interrupted < 3000,
-                     qPrintable(QString("round %1: still running %2 ms after SIGINT").arg(round).arg(clock.elapsed() - interrupted)));
+                     qPrintable(QString("round %1: still running %2 ms after SIGINT")
+                                    .arg(round)
+                                    .arg(clock.elapsed() - interrupted)));
             QCOMPARE(daemon.exitStatus(), QProcess::NormalExit);
             QCOMPARE(daemon.exitCode(), 0);
         }

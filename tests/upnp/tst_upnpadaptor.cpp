@@ -140,7 +140,8 @@ private slots:
         QVERIFY2(started.contains("invalid setting timing/rescanInterval = abc in " + file + " - using 10000"), started);
         QVERIFY2(started.contains("invalid setting timing/avahiRestartPause = -5 in " + file + " - using 2000"), started);
         QVERIFY2(started.contains("invalid setting timing/heartbeatInterval = 7200000 in " + file + " - using 120000"), started);
-        QVERIFY(started.contains("WW upnpadaptor.cpp") && started.contains("templates missing in " + dir.filePath("no-templates").toUtf8()));
+        QVERIFY(started.contains("WW upnpadaptor.cpp")
+                && started.contains("templates missing in " + dir.filePath("no-templates").toUtf8()));
         QVERIFY(started.contains("web root " + dir.filePath("no-web-root").toUtf8() + " is not a folder: set data/wwwpath"));
         if (!QFile::exists("/sys/class/net/wlan0"))
             QVERIFY(started.contains("no wireless interface wlan0"));
@@ -150,8 +151,8 @@ private slots:
         configure(SOURCE_DIR "/upnp/data", dir.filePath("no-such-dir"));
         CUpnpAdaptor outputMissing;
         QByteArray out, more;
-        QCOMPARE(restarts(templatesMissing, [&] { templatesMissing.configValueChanged("generic/name", "Kitchen", false); }, &out), 1);
-        QCOMPARE(restarts(outputMissing, [&] { outputMissing.configValueChanged("generic/name", "Kitchen", false); }, &more), 1);
+        for (auto [adaptor, log] : {std::make_pair(&templatesMissing, &out), std::make_pair(&outputMissing, &more)})
+            QCOMPARE(restarts(*adaptor, [&] { adaptor->configValueChanged("generic/name", "Kitchen", false); }, log), 1);
         out += more;
         QVERIFY2(out.contains("EE upnpadaptor.cpp        289 Failed to open  quarn-lud.upnp "), out);
         QVERIFY2(out.contains("EE upnpadaptor.cpp        289 Failed to open  quarn.avahi "), out);
@@ -190,7 +191,8 @@ private slots:
                  1);
         QVERIFY(out.contains("-- upnpadaptor.cpp        168 got run signal 2"));
         QCOMPARE(out.count("WW upnpadaptor.cpp        172 received same run stage twice 2"), 1);
-        QVERIFY2(out.contains("upnpadaptor.cpp        325 delaying coordinator creation, " + dir.filePath("www/settings.json").toUtf8()
+        QVERIFY2(out.contains("upnpadaptor.cpp        325 delaying coordinator creation, "
+                              + dir.filePath("www/settings.json").toUtf8()
                               + " does not exist yet"),
                  out);
         QVERIFY2(out.contains("EE networkconfig.cpp       97 Invalid NetworkConfig version 2"), out);
