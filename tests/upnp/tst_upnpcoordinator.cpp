@@ -1,6 +1,9 @@
-// SSDP endpoints and the coordinator that keeps them in step with the real
-// interfaces of a private network namespace ("d", the device), watched from a
-// control point's ("c"), linked d0-c0 and d1-c1. Rescans are driven by hand.
+// SSDP endpoints, their IGMP queriers and the coordinator that keeps them in
+// step with the real interfaces of a private network namespace ("d", the
+// device), watched from a control point's ("c"), linked d0-c0 and d1-c1.
+// Rescans are driven by hand. (The daemon's own test checks a leave with real
+// kernels as member hosts.)
+#include "igmpquerier.h"
 #include "interfaceaddress.h"
 #include "logginginterface.h"
 #include "netns.h"
@@ -349,7 +352,42 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(onD0->notifiesWith("ssdp:byebye").size(), 8, 2000);
     }
 
+    // The querier's election as only real links show it: a third namespace
+    // ("x") on a link d2-x0 whose subnet overlaps d0-c0's.
+    void queriersHearOnlyTheirOwnLink()
+    {
+        QVERIFY2(namespaces->add("x") && namespaces->addLink(Device, "d2", "192.0.2.9/24", "x", "x0", "192.0.2.1/24"),
+                 qPrintable(namespaces->errorString()));
+        IGMPTimings fast;
+        fast.startupQueryInterval = 100;
+        fast.queryInterval = 100;
+        std::unique_ptr<IGMPQuerier> queriesOnD0 = querier(Device, "d0", "192.0.2.2"),
+                                     queriesOnD2 = querier(Device, "d2", "192.0.2.9"),
+                                     otherLink = querier("x", "x0", "192.0.2.1", fast);
+        QVERIFY(queriesOnD0 && queriesOnD2 && otherLink);
+        // The lower querier's queries reach the device, and silence the querier
+        // of that link; the one on d0 goes on.
+        QTRY_VERIFY_WITH_TIMEOUT(!queriesOnD2->isQuerier(), 2000);
+        QVERIFY(queriesOnD0->isQuerier());
+
+        QVERIFY(namespaces->addAddress(ControlPoint, "c0", "192.0.2.1/24"));
+        std::unique_ptr<IGMPQuerier> lower = querier(ControlPoint, "c0", "192.0.2.1", fast);
+        QVERIFY(lower);
+        QTRY_VERIFY_WITH_TIMEOUT(!queriesOnD0->isQuerier(), 2000);
+        QVERIFY(lower->isQuerier());
+    }
+
 private:
+    std::unique_ptr<IGMPQuerier> querier(const char* ns, const char* interface, const QString& address,
+                                         const IGMPTimings& timings = IGMPTimings())
+    {
+        if (!namespaces->enter(ns))
+            return nullptr;
+        std::unique_ptr<IGMPQuerier> querier(new IGMPQuerier(QNetworkInterface::interfaceFromName(interface),
+                                                             addressEntry(interface, address), nullptr, timings));
+        namespaces->leave();
+        return querier;
+    }
     // An endpoint of the device for one of its addresses, made in its namespace.
     UpnpInterfaceHandler* endpoint(const QString& interfaceName, const QString& address, const QHostAddress& group)
     {
