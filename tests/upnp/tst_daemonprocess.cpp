@@ -151,9 +151,9 @@ private slots:
 
     void theListenerOutlivesTheDescriptorLimit()
     {
-    #ifdef __SANITIZE_ADDRESS__
+#ifdef __SANITIZE_ADDRESS__
         QSKIP("at the limit the sanitizers find no descriptor to probe memory with and report false type errors");
-    #endif
+#endif
         QVERIFY(start({"prlimit", "--nofile=64:64"}));
         std::vector<std::unique_ptr<QLocalSocket>> clients;
         for (int i = 0; i < 80; ++i)
