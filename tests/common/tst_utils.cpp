@@ -53,7 +53,9 @@ private slots:
         // Architecture), IGMPv2's (RFC 2236) and the backend's, in milliseconds.
         const UpnpTimings ssdp;
         const IGMPTimings igmp;
-        const auto row = [](const char* name, qint64 value, qint64 expected) { QVERIFY2(value == expected, name); };
+        const auto row = [](const char* name, qint64 value, qint64 expected) {
+            QVERIFY2(value == expected, qPrintable(QString("%1: %2, not %3").arg(name).arg(value).arg(expected)));
+        };
         row("rescan", ssdp.rescanInterval, 10000);
         row("first alive", ssdp.firstAnnouncement, 100);
         row("alive repeat, least", ssdp.aliveRepeatMinimum, 870000);
