@@ -69,7 +69,7 @@ private slots:
         namespaces.reset();
     }
 
-    void aliveUpdateAndByeByeBursts()
+    void aliveAndByeByeBursts()
     {
         coordinator->addDeviceType(Type);
         coordinator->addDeviceType(TypeB);
