@@ -133,13 +133,13 @@ private slots:
         QVERIFY(namespaces->addAddress(Cp, "cp0", "203.0.113.5/24")
                 && namespaces->run(Dev, {"ip", "route", "add", "default", "via", "192.0.2.3"}) && namespaces->enter(Cp));
         SsdpPeer onCp0("cp0", SsdpGroup), onCp1("cp1", SsdpGroup), flooder("cp0", SsdpGroup), searcher("cp0", SsdpGroup),
-            offLink("cp0", SsdpGroup, QHostAddress("203.0.113.5"));
+            zeroMx("cp0", SsdpGroup), offLink("cp0", SsdpGroup, QHostAddress("203.0.113.5"));
         SsdpPeer ipv6Cp0("cp0", QHostAddress("ff02::c")), ipv6Cp1("cp1", QHostAddress("ff02::c"));
         QVERIFY(namespaces->leave());
         QProcess tcpdump;
         tcpdump.start("ip", {"netns", "exec", namespaces->fullName(Cp), "tcpdump", "-i", "cp0", "-n", "-l", "igmp"});
         QVERIFY(tcpdump.waitForStarted());
-        for (const SsdpPeer* peer : {&onCp0, &onCp1, &flooder, &searcher, &offLink, &ipv6Cp0, &ipv6Cp1})
+        for (const SsdpPeer* peer : {&onCp0, &onCp1, &flooder, &searcher, &zeroMx, &offLink, &ipv6Cp0, &ipv6Cp1})
             QVERIFY(peer->isValid());
 
         QVERIFY(startBackend(&backend, NaturalStart));
@@ -163,13 +163,16 @@ private slots:
         QVERIFY(!file("systemctl.log").contains("done"));
 
         // A flood of 10,000 searches a second, for a second, gets all its answers,
-        // and so does a searcher that behaves meanwhile.
+        // and so does a searcher that behaves meanwhile, also after 400 searches
+        // with MX 0 (answered as MX 1) from a third.
         QElapsedTimer flood;
         flood.start();
         for (int i = 0; i < 10000 && flood.elapsed() < 3000; ++i) {
             flooder.send(ssdpSearch("ssdp:all"));
             if (i % 1000 == 0)
                 searcher.send(ssdpSearch("ssdp:all", "3"));
+            if (i < 400)
+                zeroMx.send(ssdpSearch("ssdp:all", "0"));
             while (flood.elapsed() * 10 < i)
                 QCoreApplication::processEvents();
         }
@@ -177,6 +180,7 @@ private slots:
 
         QTRY_COMPARE_WITH_TIMEOUT(flooder.answers.size(), 30000, 8000);
         QTRY_COMPARE_WITH_TIMEOUT(searcher.answers.size(), 3 + 30, 4000);
+        QTRY_COMPARE_WITH_TIMEOUT(zeroMx.answers.size(), 1200, 2000);
         // Nothing is reflected to a source outside the link. (The address and
         // the route go again: a name lookup through the route would wait for a
         // server that never answers, and GUPnP could search from the address.)
@@ -259,9 +263,11 @@ private slots:
         QVERIFY2(statistics.startsWith("***Exporting profiler statistic for Upnp adaptor***\nname "), qPrintable(statistics));
         QVERIFY(statistics.contains("\nrun(int) "));
 
-        // SIGINT in the middle of a burst of searches: byebye on both links, status 0.
+        // SIGINT in the middle of a burst of searches and RPC calls: byebye on
+        // both links, status 0.
         for (int i = 0; i < 200; ++i) {
             flooder.send(ssdpSearch("ssdp:all"));
+            upnp.call("exportProfilerStatistics", 0);
             if (i == 100)
                 ::kill(pid_t(daemon.processId()), SIGINT);
         }
