@@ -41,11 +41,13 @@ private slots:
     {
         if (::geteuid() != 0)
             QSKIP("needs root for a private mount namespace");
-        // No templates in the settings: the daemon says where it looked, and goes on.
+        // No templates in the settings, and nonsense timings: the daemon says
+        // where it looked and what it uses instead, and goes on.
         QDir().mkpath(dir.filePath("config/quarn"));
-        QFile settings(dir.filePath("config/quarn/database.conf"));
-        QVERIFY(settings.open(QIODevice::WriteOnly));
+        QFile settings(dir.filePath("config/quarn/database.conf")), own(dir.filePath("config/quarn/upnp.conf"));
+        QVERIFY(settings.open(QIODevice::WriteOnly) && own.open(QIODevice::WriteOnly));
         settings.write("[General]\nsocketDir=" + dir.path().toUtf8() + "\nsocketType=local\n");
+        own.write("[timing]\nrescanInterval=abc\n");
     }
 
     void cleanup()
@@ -173,8 +175,8 @@ private slots:
         QVERIFY(start({}, {"12", "7"}));
         // The entry point's lines: the crash counter (the first argument) as
         // text and as a number, user.warning; the start line, user.notice.
-        // The module's lines meanwhile: no templates in the settings, so it
-        // says where it looked and goes on.
+        // The module's lines meanwhile: where it looked for the templates, and
+        // the timing it uses.
         QByteArrayList lines;
         QByteArray moduleLines;
         SyslogReceiver::Line line;
@@ -187,7 +189,10 @@ private slots:
         QCOMPARE(lines, QByteArrayList({"upnp 12" + prefix("WW", 41) + "restarted after crash. crash counter: 12 ",
                                         "upnp 12" + prefix("WW", 53) + "restarted after crash. crash counter: 0xc ",
                                         "upnp 13" + prefix("--", 56) + "start 0xc " + QByteArray::number(daemonPid) + ' '}));
-        QVERIFY2(moduleLines.contains("templates missing in " + QDir("data").absolutePath().toUtf8()), moduleLines);
+        QVERIFY2(moduleLines.contains("templates missing in " + QDir("data").absolutePath().toUtf8())
+                     && moduleLines.contains("invalid setting timing/rescanInterval = abc in "
+                                             + dir.filePath("config/quarn/upnp.conf").toUtf8() + " - using 10000"),
+                 moduleLines);
 
         QCOMPARE(QFileInfo(dir.filePath(Service)).permissions() & 0x7077, QFile::Permissions(0x6060)); // 0660
         std::unique_ptr<QLocalSocket> client = connectClient();
@@ -195,6 +200,8 @@ private slots:
         client->write(message(1, "deleteLater"));
         QCOMPARE(answer(*client, message(0, "deleteLater")), 0);
         QCOMPARE(answer(*client, message(0, "startLocalServer", {QString("/")})), 0);
+        // A broken call (a value of kind 20) is answered failed at once.
+        QCOMPARE(answer(*client, header(0) + QByteArray::fromHex("0100") + "run" + '\0' + QByteArray::fromHex("14")), 0);
         QCOMPARE(answer(*client), 1);
         QVERIFY(QFileInfo::exists(dir.filePath(Service)) && daemon.state() == QProcess::Running);
 
